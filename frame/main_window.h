@@ -1,0 +1,106 @@
+// The main window MAIN: owner of the program state, the seven timers and the
+// hooks of the later subsystems. Its Load() is the whole start-up; everything
+// afterwards happens in handlers of its timers and controls.
+#ifndef KOVRAN_FRAME_MAIN_WINDOW_H_
+#define KOVRAN_FRAME_MAIN_WINDOW_H_
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "frame/program_state.h"
+#include "frame/status.h"
+#include "platform/platform.h"
+
+namespace frame {
+
+inline constexpr int kExitNormal = 0;
+inline constexpr int kExitFailure = 1;
+
+// What the other subsystems plug into the main window. An empty slot does
+// nothing, so the frame runs on its own before they exist.
+struct Parts {
+  std::function<void()> MULTIPORT;        // start-up: local window sockets
+  std::function<void()> OpenControlPort;  // start-up: local control listener
+  std::function<void()> OPENSNMP;         // start-up: SNMP manager
+  // Unload step: destroy local window socket i; errors are the slot's own.
+  std::function<void(int i)> DestroyWindowSocket;
+  // Expiry handlers of Timer1..Timer7, by timer number (entry 0 unused).
+  std::array<std::function<void()>, 8> timer_expiry;
+};
+
+class MainWindow {
+ public:
+  enum class Phase { kStarting, kRunning, kEnding };
+
+  explicit MainWindow(platform::Platform& platform);
+  MainWindow(const MainWindow&) = delete;
+  MainWindow& operator=(const MainWindow&) = delete;
+
+  // Start-up, the twelve steps in order. May end the program.
+  void Load();
+
+  // Reads the settings file into the program state. The whole file is read
+  // into a copy first and taken only when every line is within the reader's
+  // limits; on failure nothing changes and the error names the file and
+  // line. On success sets DETAILTEXT to message 42, POLLPHASE to 0 and
+  // Timer1 to 500 ms.
+  Status LOADSETTINGS();
+
+  // Applies the single-instance rule, then loads the language file selected
+  // by LANGUAGE into MESSAGES. Ends the program on either failure.
+  void LISANYUKLE();
+
+  // Writes LOGLINE (5 characters or more) with its time stamp to the month's
+  // log file; LOGLINE then holds the stamped line. Failures are swallowed.
+  void WRITELOG();
+
+  // On the NT family: installs the service on first start (and ends), or
+  // attaches to the service control.
+  void PARSECOMMAND();
+
+  // Starts DOAS with window style NASIL; logs a failure and returns normally.
+  void YUKLE(const std::string& DOAS, int16_t NASIL);
+
+  // The service control reported state `state`.
+  void Service1_StateChanged(int state);
+
+  // Query-unload step ("QueryUnload Program ended"), then the unload step.
+  void UnloadMainWindow();
+  // Ends the program at once; nothing more runs.
+  void EndAtOnce(int exit_code);
+
+  Phase phase() const { return phase_; }
+  bool ending() const { return phase_ == Phase::kEnding; }
+
+  // Full path of `file_name` in the program folder.
+  std::string ProgramFile(std::string_view file_name) const;
+
+  platform::Platform& platform;
+  ProgramState state;
+  Parts parts;
+
+  std::unique_ptr<platform::Timer> Timer1;  // main tick
+  std::unique_ptr<platform::Timer> Timer2;  // reply watchdog
+  std::unique_ptr<platform::Timer> Timer3;  // countdown
+  std::unique_ptr<platform::Timer> Timer4;  // all-clear
+  std::unique_ptr<platform::Timer> Timer5;  // discovery collection
+  std::unique_ptr<platform::Timer> Timer6;  // end-program
+  std::unique_ptr<platform::Timer> Timer7;  // exit
+
+ private:
+  std::unique_ptr<platform::Timer> MakeTimer(int number);
+  // A start-up reading of the settings; a failure is logged and ends.
+  bool LoadSettingsAtStart();
+  void InstallService();
+  void OnPlatformClose();
+
+  Phase phase_ = Phase::kStarting;
+  std::string folder_;
+};
+
+}  // namespace frame
+
+#endif  // KOVRAN_FRAME_MAIN_WINDOW_H_

@@ -1,0 +1,129 @@
+// The in-memory twin of the platform, for tests: virtual time that the test
+// advances, files held in memory, process starts recorded instead of run, and
+// system answers chosen by the test. It follows the contract of Platform; the
+// contract tests run against it and the real implementation alike.
+#ifndef KOVRAN_PLATFORM_FAKE_PLATFORM_H_
+#define KOVRAN_PLATFORM_FAKE_PLATFORM_H_
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+#include "platform/timer_schedule.h"
+
+namespace platform {
+
+class FakePlatform : public Platform {
+ public:
+  using Duration = std::chrono::nanoseconds;
+
+  struct ProcessStart {
+    std::string command_line;
+    int window_style;
+  };
+
+  FakePlatform();
+  ~FakePlatform() override;
+
+  // ---- Driving time ----
+
+  // Runs what is ready, then moves virtual time forward by `d`, firing every
+  // timer that comes due on the way in (due time, creation order), and
+  // running what became ready after each. Stops early once the program ended.
+  void Advance(Duration d);
+  // Runs posted tasks and timers due now, without moving time.
+  void RunReady();
+  // Virtual time since the fake was made.
+  Duration Now() const { return now_; }
+
+  // Local wall clock at virtual time 0. Midnight rolls the date over.
+  void SetWallClock(LocalDate date, double seconds_since_midnight);
+
+  // ---- Scripting ----
+
+  std::string program_folder = "/kovran";
+  char separator = '/';
+  int platform_number = 1;
+  bool another_instance = false;
+  bool service_connects = true;
+
+  // Files by full path ("/" and "\\" both stand for `separator`). A folder must be listed for files to be created in
+  // it. Paths in `unreadable` cannot be opened for reading; paths in
+  // `unwritable` cannot be written or appended to.
+  std::map<std::string, std::string> files;
+  std::set<std::string> folders;
+  std::set<std::string> unreadable;
+  std::set<std::string> unwritable;
+
+  // Command lines whose start fails; everything else starts.
+  std::set<std::string> failing_starts;
+  std::vector<ProcessStart> starts;
+
+  // ---- Events from outside ----
+
+  // The platform closes the program (log-off, SIGTERM), delivered as an event.
+  void RequestClose();
+  // The service control reports `state`, delivered as an event.
+  void NotifyService(int state);
+
+  // ---- Observing the end ----
+
+  bool ended() const { return ended_; }
+  int exit_code() const { return exit_code_; }
+  int service_connect_calls() const { return service_connect_calls_; }
+
+  // ---- Platform ----
+
+  std::unique_ptr<Timer> NewTimer(std::function<void()> on_expiry) override;
+  void Post(std::function<void()> task) override;
+  void Yield() override;
+  void EndNow(int exit_code) override;
+  void SetCloseHandler(std::function<void()> on_close) override;
+  double SecondsSinceMidnight() override;
+  LocalDate Today() override;
+  std::string ProgramFolder() override { return program_folder; }
+  char PathSeparator() const override { return separator; }
+  std::optional<std::string> ReadFile(const std::string& path) override;
+  bool CanOpenForReading(const std::string& path) override;
+  bool AppendToFile(const std::string& path, const std::string& data) override;
+  bool WriteFile(const std::string& path, const std::string& data) override;
+  bool StartProcess(const std::string& command_line, int window_style) override;
+  int PlatformNumber() override { return platform_number; }
+  bool AnotherInstanceRunning() override { return another_instance; }
+  bool ConnectService() override;
+  void SetServiceHandler(std::function<void(int)> on_state) override;
+
+ private:
+  class FakeTimer;
+  struct TimerSlot {
+    TimerSchedule schedule;
+    std::function<void()> on_expiry;
+    bool alive = true;
+  };
+
+  // Fires the earliest armed timer due at or before `limit`; false if none.
+  bool FireNextDue(Duration limit);
+  void RunPosted();
+  bool FolderExists(const std::string& path) const;
+  std::string Normalize(std::string path) const;
+
+  Duration now_{0};
+  LocalDate base_date_{2026, 11, 23};
+  double base_seconds_ = 10 * 3600;
+  std::vector<std::shared_ptr<TimerSlot>> timers_;
+  std::deque<std::function<void()>> posted_;
+  std::function<void()> on_close_;
+  std::function<void(int)> on_service_;
+  bool ended_ = false;
+  int exit_code_ = -1;
+  int service_connect_calls_ = 0;
+};
+
+}  // namespace platform
+
+#endif  // KOVRAN_PLATFORM_FAKE_PLATFORM_H_

@@ -1,0 +1,142 @@
+// The operations the program needs of the operating system, as one interface.
+//
+// All logic is written against Platform and never calls the OS itself. There
+// are two implementations: the real one (Asio and the OS, created only by the
+// program's main) and FakePlatform (virtual time, scripted files, recorded
+// process starts) that tests drive step by step.
+//
+// Everything runs on one event thread. Handlers are delivered one at a time;
+// the only nesting is Yield(), which lets pending events run inside the
+// caller. A timer's expiry never nests inside its own running expiry.
+#ifndef KOVRAN_PLATFORM_PLATFORM_H_
+#define KOVRAN_PLATFORM_PLATFORM_H_
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace platform {
+
+// The platform number that marks the Windows NT family. Every platform test
+// of the program compares with it; any other number means an ordinary
+// program without service control.
+inline constexpr int kPlatformNt = 2;
+
+// Window styles for StartProcess.
+inline constexpr int kWindowHidden = 0;
+inline constexpr int kWindowNormalFocus = 1;
+
+// Largest file ReadFile delivers; a larger file counts as unreadable, so a
+// hostile file can never make the program allocate without bound.
+inline constexpr std::size_t kMaxReadFileBytes = 64u << 20;
+
+struct LocalDate {
+  int year = 2000;
+  int month = 1;  // 1..12
+  int day = 1;    // 1..31
+};
+
+// A periodic timer owned by the main window.
+//
+// A timer fires every Interval() milliseconds while it is enabled and its
+// interval is above 0. A new timer is enabled with interval 0 (inactive).
+// Expiries are delivered on the event thread. While the handler runs (and
+// yields), the timer does not fire again; if its next expiry came due during
+// the handler, it fires once right after the handler returns, never as a
+// burst. Destroying a timer drops any pending expiry.
+class Timer {
+ public:
+  virtual ~Timer() = default;
+
+  // Sets the period and starts the count afresh, also when the value is
+  // unchanged: the next expiry comes `ms` after this call. 0 or below makes
+  // the timer inactive.
+  virtual void SetInterval(int32_t ms) = 0;
+  virtual int32_t Interval() const = 0;
+
+  // Enabling a disabled timer starts its count afresh; enabling an enabled
+  // one changes nothing. Disabling drops the pending expiry.
+  virtual void SetEnabled(bool enabled) = 0;
+  virtual bool Enabled() const = 0;
+};
+
+class Platform {
+ public:
+  virtual ~Platform() = default;
+
+  // ---- Event loop ----
+
+  // A new timer whose expiries call `on_expiry`.
+  virtual std::unique_ptr<Timer> NewTimer(std::function<void()> on_expiry) = 0;
+
+  // Runs `task` on the event thread after the current handler, in order of
+  // posting. Never runs it inside the call.
+  virtual void Post(std::function<void()> task) = 0;
+
+  // Lets the events that are pending now run (posted tasks, due timers that
+  // are not busy, arrived socket data), then returns. Never blocks waiting
+  // for new events.
+  virtual void Yield() = 0;
+
+  // Ends the program at once with `exit_code`: no further handler runs and
+  // nothing is logged. The real platform does not return; the fake marks
+  // itself ended and returns, so callers must return straight away.
+  virtual void EndNow(int exit_code) = 0;
+
+  // Called when the platform closes the program from outside (log-off,
+  // system shutdown; SIGTERM or SIGINT on POSIX). The handler decides how to
+  // end; the platform does nothing else.
+  virtual void SetCloseHandler(std::function<void()> on_close) = 0;
+
+  // ---- Clock (wall clock; periods use the timers) ----
+
+  // Local time of day in seconds since local midnight, with a fraction.
+  virtual double SecondsSinceMidnight() = 0;
+  virtual LocalDate Today() = 0;
+
+  // ---- Files ----
+
+  // Folder of the running executable, without a trailing separator.
+  virtual std::string ProgramFolder() = 0;
+  // The separator that joins a folder and a file name.
+  virtual char PathSeparator() const = 0;
+
+  // The whole file, or nothing when it cannot be opened or read, or is
+  // larger than kMaxReadFileBytes.
+  virtual std::optional<std::string> ReadFile(const std::string& path) = 0;
+  // Whether the file can be opened for reading (it is closed again).
+  virtual bool CanOpenForReading(const std::string& path) = 0;
+  // Opens for appending (creating the file, never its folder), writes, closes.
+  virtual bool AppendToFile(const std::string& path,
+                            const std::string& data) = 0;
+  // Creates or truncates the file, writes, closes.
+  virtual bool WriteFile(const std::string& path, const std::string& data) = 0;
+
+  // ---- Processes and system ----
+
+  // Starts `command_line` as a new process with `window_style`, without
+  // waiting. False when it cannot be started (missing, not executable).
+  virtual bool StartProcess(const std::string& command_line,
+                            int window_style) = 0;
+
+  // The operating-system platform number; kPlatformNt for the NT family.
+  virtual int PlatformNumber() = 0;
+
+  // Whether another copy of this program, started from the same program
+  // folder, is already running. Copies in other folders do not count.
+  virtual bool AnotherInstanceRunning() = 0;
+
+  // ---- Service control ----
+
+  // Attaches the running program to the service control manager, so that it
+  // acts as the service. False when that fails.
+  virtual bool ConnectService() = 0;
+  // Called with the service control's state number when it changes.
+  virtual void SetServiceHandler(std::function<void(int state)> on_state) = 0;
+};
+
+}  // namespace platform
+
+#endif  // KOVRAN_PLATFORM_PLATFORM_H_

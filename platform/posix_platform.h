@@ -1,0 +1,53 @@
+// The real platform on Linux: Asio's event loop on the calling thread, the
+// POSIX clock, files and processes. No Asio or OS type appears here.
+#ifndef KOVRAN_PLATFORM_POSIX_PLATFORM_H_
+#define KOVRAN_PLATFORM_POSIX_PLATFORM_H_
+
+#include <chrono>
+#include <memory>
+
+#include "platform/platform.h"
+
+namespace platform {
+
+class PosixPlatform : public Platform {
+ public:
+  // With `exit_process` false (tests), EndNow stops the loop instead of
+  // ending the process.
+  explicit PosixPlatform(bool exit_process = true);
+  ~PosixPlatform() override;
+
+  // Runs the event loop until EndNow.
+  void Run();
+  // Runs the event loop for `d` (tests).
+  void RunFor(std::chrono::milliseconds d);
+  bool ended() const;
+
+  std::unique_ptr<Timer> NewTimer(std::function<void()> on_expiry) override;
+  void Post(std::function<void()> task) override;
+  void Yield() override;
+  void EndNow(int exit_code) override;
+  void SetCloseHandler(std::function<void()> on_close) override;
+  double SecondsSinceMidnight() override;
+  LocalDate Today() override;
+  std::string ProgramFolder() override;
+  char PathSeparator() const override { return '/'; }
+  std::optional<std::string> ReadFile(const std::string& path) override;
+  bool CanOpenForReading(const std::string& path) override;
+  bool AppendToFile(const std::string& path, const std::string& data) override;
+  bool WriteFile(const std::string& path, const std::string& data) override;
+  bool StartProcess(const std::string& command_line, int window_style) override;
+  int PlatformNumber() override;
+  bool AnotherInstanceRunning() override;
+  bool ConnectService() override;
+  void SetServiceHandler(std::function<void(int)> on_state) override;
+
+  struct Impl;  // opaque: holds the Asio objects
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace platform
+
+#endif  // KOVRAN_PLATFORM_POSIX_PLATFORM_H_
