@@ -115,6 +115,14 @@ void FakePlatform::NotifyService(int state) {
   });
 }
 
+std::unique_ptr<TcpClient> FakePlatform::NewTcpClient() {
+  auto client = std::make_unique<FakeTcpClient>(*this, [this](FakeTcpClient* c) {
+    std::erase(tcp_clients, c);
+  });
+  tcp_clients.push_back(client.get());
+  return client;
+}
+
 bool FakePlatform::ConnectService() {
   ++service_connect_calls_;
   return service_connects;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/fake_tcp_client.h"
 #include "platform/platform.h"
 #include "platform/timer_schedule.h"
 
@@ -60,6 +61,11 @@ class FakePlatform : public Platform {
   std::set<std::string> unreadable;
   std::set<std::string> unwritable;
 
+  std::string local_ipv4 = "192.168.1.20";
+  // The TCP clients the program made, in order of making; destroyed ones
+  // are removed.
+  std::vector<FakeTcpClient*> tcp_clients;
+
   // Command lines whose start fails; everything else starts.
   std::set<std::string> failing_starts;
   std::vector<ProcessStart> starts;
@@ -95,6 +101,8 @@ class FakePlatform : public Platform {
   bool StartProcess(const std::string& command_line, int window_style) override;
   int PlatformNumber() override { return platform_number; }
   bool AnotherInstanceRunning() override { return another_instance; }
+  std::unique_ptr<TcpClient> NewTcpClient() override;
+  std::string LocalIPv4Address() override { return local_ipv4; }
   bool ConnectService() override;
   void SetServiceHandler(std::function<void(int)> on_state) override;
 

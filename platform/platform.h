@@ -17,6 +17,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/tcp_client.h"
+
 namespace platform {
 
 // The platform number that marks the Windows NT family. Every platform test
@@ -127,6 +129,15 @@ class Platform {
   // Whether another copy of this program, started from the same program
   // folder, is already running. Copies in other folders do not count.
   virtual bool AnotherInstanceRunning() = 0;
+
+  // ---- Network ----
+
+  // A new TCP client socket (the server link's Winsock1).
+  virtual std::unique_ptr<TcpClient> NewTcpClient() = 0;
+
+  // The local machine's IPv4 address in dotted-decimal form, the one address
+  // the program names itself by (server requests, local window sockets).
+  virtual std::string LocalIPv4Address() = 0;
 
   // ---- Service control ----
 

@@ -1,6 +1,10 @@
 #include "platform/posix_platform.h"
 
 #include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <arpa/inet.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -12,6 +16,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "platform/asio_tcp_client.h"
 #include "platform/timer_schedule.h"
 
 namespace platform {
@@ -316,6 +321,31 @@ bool PosixPlatform::AnotherInstanceRunning() {
   }
   impl_->instance_lock_fd = fd;
   return false;
+}
+
+std::unique_ptr<TcpClient> PosixPlatform::NewTcpClient() {
+  return NewAsioTcpClient(impl_->io);
+}
+
+// The first IPv4 address of an interface that is up and not the loopback, in
+// the order the system lists its interfaces; 127.0.0.1 on a machine that has
+// no other (as in a private network namespace).
+std::string PosixPlatform::LocalIPv4Address() {
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) return "127.0.0.1";
+  std::string address = "127.0.0.1";
+  for (ifaddrs* i = list; i; i = i->ifa_next) {
+    if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET) continue;
+    if (!(i->ifa_flags & IFF_UP) || (i->ifa_flags & IFF_LOOPBACK)) continue;
+    char text[INET_ADDRSTRLEN];
+    const auto* in = reinterpret_cast<const sockaddr_in*>(i->ifa_addr);
+    if (::inet_ntop(AF_INET, &in->sin_addr, text, sizeof text)) {
+      address = text;
+      break;
+    }
+  }
+  ::freeifaddrs(list);
+  return address;
 }
 
 // There is no service control manager on POSIX; PlatformNumber() keeps the

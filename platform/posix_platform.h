@@ -39,6 +39,8 @@ class PosixPlatform : public Platform {
   bool StartProcess(const std::string& command_line, int window_style) override;
   int PlatformNumber() override;
   bool AnotherInstanceRunning() override;
+  std::unique_ptr<TcpClient> NewTcpClient() override;
+  std::string LocalIPv4Address() override;
   bool ConnectService() override;
   void SetServiceHandler(std::function<void(int)> on_state) override;
 

@@ -1,0 +1,21 @@
+// Turning the OS's socket errors into Windows Sockets numbers and texts.
+// Internal to the platform layer.
+#ifndef KOVRAN_PLATFORM_SOCKET_ERRORS_H_
+#define KOVRAN_PLATFORM_SOCKET_ERRORS_H_
+
+#include <asio/error_code.hpp>
+#include <string>
+
+namespace platform {
+
+struct SocketError {
+  int number;
+  std::string description;
+};
+
+// The Windows Sockets number and a description for `ec`.
+SocketError ToSocketError(const asio::error_code& ec);
+
+}  // namespace platform
+
+#endif  // KOVRAN_PLATFORM_SOCKET_ERRORS_H_
