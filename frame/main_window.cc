@@ -9,14 +9,6 @@
 
 namespace frame {
 
-namespace {
-
-void Call(const std::function<void()>& part) {
-  if (part) part();
-}
-
-}  // namespace
-
 MainWindow::MainWindow(platform::Platform& p)
     : platform(p),
       Timer1(MakeTimer(1)),
@@ -33,7 +25,7 @@ MainWindow::MainWindow(platform::Platform& p)
 
 std::unique_ptr<platform::Timer> MainWindow::MakeTimer(int number) {
   return platform.NewTimer([this, number] {
-    if (!ending()) Call(parts.timer_expiry[number]);
+    if (!ending() && parts.timer_expiry[number]) parts.timer_expiry[number]();
   });
 }
 
@@ -54,11 +46,11 @@ void MainWindow::Load() {
   if (!LoadSettingsAtStart()) return;
   Timer1->SetInterval(1000);
   Timer7->SetInterval(1000);
-  Call(parts.MULTIPORT);
-  Call(parts.OpenControlPort);
+  parts.MULTIPORT();
+  parts.OpenControlPort();
   PARSECOMMAND();
   if (ending()) return;
-  Call(parts.OPENSNMP);
+  parts.OPENSNMP();
   phase_ = Phase::kRunning;
 }
 
@@ -162,13 +154,25 @@ void MainWindow::Service1_StateChanged(int service_state) {
   }
 }
 
+void MainWindow::StopCountdownTimer() {
+  Timer3->SetEnabled(false);
+  Timer3->SetInterval(0);
+}
+
+void MainWindow::StartAllClearTimer() {
+  Timer4->SetInterval(15000);
+  Timer4->SetEnabled(true);
+}
+
+bool MainWindow::SnmpMode() const {
+  return state.SETTINGS[CONNECTION].compare(0, 4, "SNMP") == 0;
+}
+
 void MainWindow::UnloadMainWindow() {
   phase_ = Phase::kEnding;
   state.LOGLINE = "QueryUnload Program ended";
   WRITELOG();
-  for (int i = 1; i <= state.MAXLOCALUSERS; ++i) {
-    if (parts.DestroyWindowSocket) parts.DestroyWindowSocket(i);
-  }
+  for (int i = 1; i <= state.MAXLOCALUSERS; ++i) parts.DestroyWindowSocket(i);
 }
 
 void MainWindow::EndAtOnce(int exit_code) {

@@ -19,16 +19,38 @@ namespace frame {
 inline constexpr int kExitNormal = 0;
 inline constexpr int kExitFailure = 1;
 
-// What the other subsystems plug into the main window. An empty slot does
-// nothing, so the frame runs on its own before they exist.
+// The direct calls between subsystems. Each subsystem fills in its own
+// procedures when it is made; a slot nobody filled does nothing (and a
+// bool-returning one reports false), so every part runs without the others.
 struct Parts {
-  std::function<void()> MULTIPORT;        // start-up: local window sockets
-  std::function<void()> OpenControlPort;  // start-up: local control listener
-  std::function<void()> OPENSNMP;         // start-up: SNMP manager
-  // Unload step: destroy local window socket i; errors are the slot's own.
-  std::function<void(int i)> DestroyWindowSocket;
+  template <typename... Args>
+  using Call = std::function<void(Args...)>;
+
+  // Start-up and unload.
+  Call<> MULTIPORT = [] {};        // local window sockets
+  Call<> OpenControlPort = [] {};  // local control listener
+  Call<int> DestroyWindowSocket = [](int) {};  // unload step, element i
+
+  // Shutdown controller.
+  Call<> SAYMASIFIR = [] {};
+  Call<> PENCEREKUR = [] {};
+  Call<> ACIL = [] {};
+
+  // Server link.
+  Call<> PollStep = [] {};
+  Call<> CloseServerSocket = [] {};
+  Call<> ServerWatchdog = [] {};  // the reply watchdog's server-mode branch
+
+  // SNMP agent link and power evaluation.
+  std::function<bool()> OPENSNMP = [] { return false; };
+  Call<> POLLSNMP = [] {};
+  Call<> DISCOVERAGENTS = [] {};
+  Call<> CloseSnmpManager = [] {};
+  Call<const std::string&, const std::string&> PowerEvaluation =
+      [](const std::string&, const std::string&) {};
+
   // Expiry handlers of Timer1..Timer7, by timer number (entry 0 unused).
-  std::array<std::function<void()>, 8> timer_expiry;
+  std::array<Call<>, 8> timer_expiry;
 };
 
 class MainWindow {
@@ -66,6 +88,15 @@ class MainWindow {
 
   // The service control reported state `state`.
   void Service1_StateChanged(int state);
+
+  // Stops the countdown timer (disabled, period 0).
+  void StopCountdownTimer();
+  // Starts the all-clear timer: 15000 ms, enabled.
+  void StartAllClearTimer();
+
+  // Whether CONNECTION selects the SNMP agent link: its first four
+  // characters are "SNMP", case-sensitively.
+  bool SnmpMode() const;
 
   // Query-unload step ("QueryUnload Program ended"), then the unload step.
   void UnloadMainWindow();

@@ -90,6 +90,9 @@ class FakePlatform : public Platform {
   void Yield() override;
   void EndNow(int exit_code) override;
   void SetCloseHandler(std::function<void()> on_close) override;
+  double SteadySeconds() override {
+    return std::chrono::duration<double>(now_).count();
+  }
   double SecondsSinceMidnight() override;
   LocalDate Today() override;
   std::string ProgramFolder() override { return program_folder; }

@@ -92,7 +92,11 @@ class Platform {
   // end; the platform does nothing else.
   virtual void SetCloseHandler(std::function<void()> on_close) = 0;
 
-  // ---- Clock (wall clock; periods use the timers) ----
+  // ---- Clocks ----
+
+  // Seconds on a steady clock that no change of the wall clock (midnight,
+  // daylight saving, a user setting the time) moves; for measuring periods.
+  virtual double SteadySeconds() = 0;
 
   // Local time of day in seconds since local midnight, with a fraction.
   virtual double SecondsSinceMidnight() = 0;

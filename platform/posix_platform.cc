@@ -200,6 +200,10 @@ void PosixPlatform::SetCloseHandler(std::function<void()> on_close) {
   impl_->on_close = std::move(on_close);
 }
 
+double PosixPlatform::SteadySeconds() {
+  return std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+}
+
 double PosixPlatform::SecondsSinceMidnight() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);

@@ -28,6 +28,7 @@ class PosixPlatform : public Platform {
   void Yield() override;
   void EndNow(int exit_code) override;
   void SetCloseHandler(std::function<void()> on_close) override;
+  double SteadySeconds() override;
   double SecondsSinceMidnight() override;
   LocalDate Today() override;
   std::string ProgramFolder() override;

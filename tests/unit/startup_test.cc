@@ -19,7 +19,10 @@ class StartupTest : public FrameTest {
   void RecordParts() {
     main_.parts.MULTIPORT = [this] { calls_.push_back("MULTIPORT"); };
     main_.parts.OpenControlPort = [this] { calls_.push_back("control port"); };
-    main_.parts.OPENSNMP = [this] { calls_.push_back("OPENSNMP"); };
+    main_.parts.OPENSNMP = [this] {
+      calls_.push_back("OPENSNMP");
+      return true;
+    };
     main_.parts.DestroyWindowSocket = [this](int i) {
       calls_.push_back("destroy " + std::to_string(i));
     };
@@ -209,7 +212,7 @@ class ServiceTest : public FrameTest {
 
 TEST_F(ServiceTest, FirstStartWritesAndStartsTheBatchFileAndEnds) {
   bool snmp_opened = false;
-  window_->parts.OPENSNMP = [&] { snmp_opened = true; };
+  window_->parts.OPENSNMP = [&] { return snmp_opened = true; };
   window_->Load();
   EXPECT_EQ(fake_.files[kBatch],
             "sc create KOVRAN binPath= \"C:\\Program Files\\KOVRAN\\KOVRAN.EXE\""

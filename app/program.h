@@ -1,0 +1,29 @@
+// The whole program: the main window with every subsystem plugged into it.
+// Used by main() on the real platform and by whole-program tests on the fake.
+#ifndef KOVRAN_APP_PROGRAM_H_
+#define KOVRAN_APP_PROGRAM_H_
+
+#include "frame/main_window.h"
+#include "power/main_tick.h"
+#include "power/shutdown_controller.h"
+#include "serverlink/server_link.h"
+
+namespace app {
+
+class Program {
+ public:
+  explicit Program(platform::Platform& platform)
+      : main(platform), shutdown(main), tick(main), server_link(main) {}
+
+  // Start-up; afterwards the platform's loop delivers the events.
+  void Load() { main.Load(); }
+
+  frame::MainWindow main;
+  power::ShutdownController shutdown;
+  power::MainTick tick;
+  serverlink::ServerLink server_link;
+};
+
+}  // namespace app
+
+#endif  // KOVRAN_APP_PROGRAM_H_
