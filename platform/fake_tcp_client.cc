@@ -18,7 +18,10 @@ void FakeTcpClient::Connect(const std::string& host, int port) {
   state_ = State::kConnecting;
 }
 
+// The server's side acts only on a socket that can hear it: a closed socket
+// receives nothing, and only a connecting one can be accepted or refused.
 void FakeTcpClient::Accept() {
+  if (state_ != State::kConnecting) return;
   state_ = State::kConnected;
   Raise([this] {
     if (events_.on_connect) events_.on_connect();
@@ -26,6 +29,7 @@ void FakeTcpClient::Accept() {
 }
 
 void FakeTcpClient::Deliver(const std::string& bytes) {
+  if (state_ != State::kConnected) return;
   received_ += bytes;
   Raise([this] {
     if (events_.on_data) events_.on_data();
@@ -33,12 +37,14 @@ void FakeTcpClient::Deliver(const std::string& bytes) {
 }
 
 void FakeTcpClient::PeerClose() {
+  if (state_ == State::kClosed) return;
   Raise([this] {
     if (events_.on_close) events_.on_close();
   });
 }
 
 void FakeTcpClient::RaiseError(int number, const std::string& description) {
+  if (state_ == State::kClosed) return;
   Raise([this, number, description] {
     if (events_.on_error) events_.on_error(number, description);
   });
