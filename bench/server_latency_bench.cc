@@ -1,0 +1,347 @@
+// Timing of the server-mode road of a power failure, on the real platform.
+//
+// Each run builds the whole program in-process on a PosixPlatform, with a
+// PAVO server on loopback that answers "on mains" to the first polls and then
+// reports a power failure with a short time field T. Per run it measures
+//   (a) reaction: from the server thread about to write the power-failure
+//       record to the program starting the countdown (PENCEREKUR);
+//   (b) exit error: the moment EXIT.EXE is started against the design's
+//       timing, countdown start + (T - 3) s (the countdown tick that sets the
+//       shutdown flag) + 30 s (the exit timer's 30 ticks). The exit timer
+//       counts from its first tick after the flag, so the error is minus the
+//       time from the exit timer's last tick to the countdown start, within
+//       (-1 s, 0]. With a whole number of seconds between polls the poll
+//       timer keeps the exit timer's phase (both start at start-up), so the
+//       countdown starts just after an exit tick and the error sits just
+//       below 0.
+// It prints one line per run and the median and worst (largest magnitude) of
+// both in milliseconds.
+//
+// A plain main(), not Google Benchmark: one sample is a ~35 s real-time run
+// of the program with two results of its own, and the runs go in parallel.
+// Google Benchmark's model, a body repeated until its time per iteration is
+// stable, has no place for either.
+//
+//   bash tools/bench                       # 20 runs, T = 5 s, 4 at a time
+//   build-bench/bench/server_latency_bench [--runs N] [--parallel N] [--time T]
+//
+// Runs in parallel do not share anything: each has its own platform and
+// event thread, program folder and server port. The instance test is
+// answered "no other copy" (all copies are this one executable).
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/program.h"
+#include "platform/posix_platform.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+// Polls answered "on mains" before the power failure, so that the program
+// is in its steady polling rhythm when it comes.
+constexpr int kMainsPolls = 2;
+// Status records: "#", flags 2 to 5, 4 unused, the time field at 10-13,
+// 3 unused, the detail text from 17 on.
+constexpr char kMainsRecord[] = "#000000000000000On mains\r\n";
+
+double Ms(Clock::duration d) {
+  return std::chrono::duration<double, std::milli>(d).count();
+}
+
+// The real platform, with the program folder moved to a scratch folder and
+// process starts recorded instead of made.
+class BenchPlatform : public platform::Platform {
+ public:
+  BenchPlatform(platform::PosixPlatform& real, std::string folder)
+      : real_(real), folder_(std::move(folder)) {}
+
+  std::optional<Clock::time_point> exit_started;
+
+  std::unique_ptr<platform::Timer> NewTimer(std::function<void()> f) override {
+    return real_.NewTimer(std::move(f));
+  }
+  void Post(std::function<void()> task) override {
+    real_.Post(std::move(task));
+  }
+  void Yield() override { real_.Yield(); }
+  void EndNow(int exit_code) override { real_.EndNow(exit_code); }
+  void SetCloseHandler(std::function<void()> f) override {
+    real_.SetCloseHandler(std::move(f));
+  }
+  double SteadySeconds() override { return real_.SteadySeconds(); }
+  double SecondsSinceMidnight() override {
+    return real_.SecondsSinceMidnight();
+  }
+  platform::LocalDate Today() override { return real_.Today(); }
+  std::string ProgramFolder() override { return folder_; }
+  char PathSeparator() const override { return real_.PathSeparator(); }
+  std::optional<std::string> ReadFile(const std::string& path) override {
+    return real_.ReadFile(path);
+  }
+  bool CanOpenForReading(const std::string& path) override {
+    return real_.CanOpenForReading(path);
+  }
+  bool AppendToFile(const std::string& path, const std::string& data) override {
+    return real_.AppendToFile(path, data);
+  }
+  bool WriteFile(const std::string& path, const std::string& data) override {
+    return real_.WriteFile(path, data);
+  }
+  bool StartProcess(const std::string& command_line, int) override {
+    if (command_line == folder_ + "/EXIT.EXE" && !exit_started) {
+      exit_started = Clock::now();
+    }
+    return true;
+  }
+  int PlatformNumber() override { return real_.PlatformNumber(); }
+  bool AnotherInstanceRunning() override { return false; }
+  std::unique_ptr<platform::TcpClient> NewTcpClient() override {
+    return real_.NewTcpClient();
+  }
+  std::string LocalIPv4Address() override { return real_.LocalIPv4Address(); }
+  bool ConnectService() override { return real_.ConnectService(); }
+  void SetServiceHandler(std::function<void(int)> f) override {
+    real_.SetServiceHandler(std::move(f));
+  }
+
+ private:
+  platform::PosixPlatform& real_;
+  std::string folder_;
+};
+
+// A PAVO server on 127.0.0.1 (a free port) on its own thread: "on mains" for
+// the first polls, the power failure with time field `seconds` afterwards.
+class PavoServer {
+ public:
+  explicit PavoServer(int seconds) {
+    char time[8];
+    std::snprintf(time, sizeof time, "%04d", seconds);
+    failure_ = "#10000000" + std::string(time) + "000Power failure\r\n";
+    // CLIENTPORT is a 16-bit signed setting, so the kernel's ephemeral
+    // ports (above 32767) cannot be named; look for a free one below.
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int base = 10000 + ::getpid() % 5000 * 4;
+    for (port_ = base; port_ < base + 1000; ++port_) {
+      address.sin_port = htons(static_cast<uint16_t>(port_));
+      if (::bind(listener_, reinterpret_cast<sockaddr*>(&address),
+                 sizeof address) == 0) {
+        break;
+      }
+    }
+    if (port_ == base + 1000 || ::listen(listener_, 4) != 0) {
+      std::perror("bench server");
+      std::exit(1);
+    }
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~PavoServer() {
+    stop_ = true;
+    thread_.join();
+    ::close(listener_);
+  }
+
+  int port() const { return port_; }
+  // When the first power-failure record was about to be written.
+  std::optional<Clock::time_point> failure_written() {
+    std::lock_guard lock(mutex_);
+    return failure_written_;
+  }
+
+ private:
+  void Serve() {
+    for (int polls = 0; !stop_;) {
+      pollfd p{listener_, POLLIN, 0};
+      if (::poll(&p, 1, 100) <= 0) continue;
+      const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (client < 0) continue;
+      if (ReadRequestLine(client)) {
+        const bool failure = ++polls > kMainsPolls;
+        const std::string record = failure ? failure_ : kMainsRecord;
+        const auto now = Clock::now();
+        if (failure) {
+          std::lock_guard lock(mutex_);
+          if (!failure_written_) failure_written_ = now;
+        }
+        ::send(client, record.data(), record.size(), MSG_NOSIGNAL);
+      }
+      ::close(client);
+    }
+  }
+
+  static bool ReadRequestLine(int fd) {
+    std::string line;
+    char buffer[256];
+    while (line.find("\r\n") == std::string::npos && line.size() < 1024) {
+      pollfd p{fd, POLLIN, 0};
+      if (::poll(&p, 1, 2000) <= 0) return false;
+      const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+      if (n <= 0) return false;
+      line.append(buffer, static_cast<std::size_t>(n));
+    }
+    return line.rfind("H:CL10>IP:", 0) == 0;
+  }
+
+  std::string failure_;
+  int listener_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::mutex mutex_;
+  std::optional<Clock::time_point> failure_written_;
+  std::thread thread_;
+};
+
+struct Result {
+  bool ok = false;
+  double reaction_ms = 0;    // (a)
+  double exit_error_ms = 0;  // (b), signed: late is positive
+  std::string problem;
+};
+
+Result OneRun(int index, int seconds) {
+  Result result;
+  PavoServer server(seconds);
+  const fs::path folder = fs::temp_directory_path() /
+                          ("kovran-bench-" + std::to_string(::getpid()) + "-" +
+                           std::to_string(index));
+  fs::remove_all(folder);
+  fs::create_directories(folder / "SERLOGS");
+  fs::copy_file(fs::path(KOVRAN_DIST_DIR) / "LANGSE1.TXT",
+                folder / "LANGSE1.TXT");
+  std::ofstream(folder / "upsser.cfg")
+      << "HOST:127.0.0.1\r\nCLIENTPORT:" << server.port()
+      << "\r\nCONNECTION:SERVER\r\nPOLLINGTIME:1\r\nLANGUAGE:1\r\n"
+         "ENABLESHUT:1\r\nMAXLOCALUSERS:0\r\nLOCALWINDOWPORT:5000\r\n";
+
+  platform::PosixPlatform real(/*exit_process=*/false);
+  BenchPlatform bench(real, folder.string());
+  std::optional<Clock::time_point> countdown_started;
+  {
+    app::Program program(bench);
+    auto original = program.main.parts.PENCEREKUR;
+    program.main.parts.PENCEREKUR = [&countdown_started, original] {
+      if (!countdown_started) countdown_started = Clock::now();
+      original();
+    };
+    program.Load();
+    real.RunFor(std::chrono::seconds(seconds + 60));
+  }
+
+  const auto written = server.failure_written();
+  if (!real.ended() || !written || !countdown_started || !bench.exit_started) {
+    result.problem = "run incomplete (log in " + folder.string() + ")";
+    return result;
+  }
+  const auto expected =
+      *countdown_started + std::chrono::seconds(seconds - 3 + 30);
+  result.ok = true;
+  result.reaction_ms = Ms(*countdown_started - *written);
+  result.exit_error_ms = Ms(*bench.exit_started - expected);
+  fs::remove_all(folder);
+  return result;
+}
+
+double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  const std::size_t n = v.size();
+  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+double Worst(const std::vector<double>& v) {
+  return *std::max_element(v.begin(), v.end(), [](double a, double b) {
+    return std::fabs(a) < std::fabs(b);
+  });
+}
+
+int Usage() {
+  std::fprintf(
+      stderr,
+      "usage: server_latency_bench [--runs N] [--parallel N] [--time T]\n"
+      "  T: the power failure's time field in seconds, 4 or more\n");
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int runs = 20, parallel = 4, seconds = 5;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (i + 1 >= argc) return Usage();
+    const int value = std::atoi(argv[++i]);
+    if (arg == "--runs") {
+      runs = value;
+    } else if (arg == "--parallel") {
+      parallel = value;
+    } else if (arg == "--time") {
+      seconds = value;
+    } else {
+      return Usage();
+    }
+  }
+  if (runs < 1 || parallel < 1 || seconds < 4 || seconds > 9999) return Usage();
+
+  std::printf(
+      "%d runs, %d at a time, time field %d s, POLLINGTIME 1; "
+      "each run takes about %d s\n",
+      runs, parallel, seconds, seconds + 30);
+  std::printf("%4s %18s %22s\n", "run", "(a) reaction ms", "(b) exit error ms");
+  std::fflush(stdout);
+  std::vector<Result> results(static_cast<std::size_t>(runs));
+  std::atomic<int> next{0};
+  std::mutex print;
+  std::vector<std::thread> workers;
+  for (int w = 0; w < std::min(parallel, runs); ++w) {
+    workers.emplace_back([&] {
+      for (int i = next++; i < runs; i = next++) {
+        Result r = OneRun(i, seconds);
+        std::lock_guard lock(print);
+        if (r.ok) {
+          std::printf("%4d %18.3f %22.1f\n", i + 1, r.reaction_ms,
+                      r.exit_error_ms);
+        } else {
+          std::printf("%4d %s\n", i + 1, r.problem.c_str());
+        }
+        std::fflush(stdout);
+        results[static_cast<std::size_t>(i)] = std::move(r);
+      }
+    });
+  }
+  for (std::thread& t : workers) t.join();
+
+  std::vector<double> reaction, exit_error;
+  for (const Result& r : results) {
+    if (!r.ok) continue;
+    reaction.push_back(r.reaction_ms);
+    exit_error.push_back(r.exit_error_ms);
+  }
+  if (reaction.empty()) return 1;
+  std::printf("\n%-44s %10s %10s\n", "", "median", "worst");
+  std::printf("%-44s %10.3f %10.3f\n",
+              "(a) record written -> countdown started, ms", Median(reaction),
+              Worst(reaction));
+  std::printf("%-44s %10.1f %10.1f\n", "(b) EXIT.EXE start - expected, ms",
+              Median(exit_error), Worst(exit_error));
+  return reaction.size() == results.size() ? 0 : 1;
+}
