@@ -33,6 +33,7 @@ void ShutdownController::SAYMASIFIR() {
 
 void ShutdownController::PENCEREKUR() {
   SAYMASIFIR();
+  showing_seconds_ = false;
   main_.Timer3->SetEnabled(true);
   main_.Timer3->SetInterval(1000);
   ACIL();
@@ -49,22 +50,25 @@ int32_t ShutdownController::ElapsedSeconds() {
   return static_cast<int32_t>(std::floor(start_fraction_ + since));
 }
 
-// A countdown that has run out without passing through its last seconds
-// (a length of 0 or below, or ticks held up for longer than 4 s) counts as
-// run out: the UPS is on battery, and the safe reading is to shut down.
-// Once the flag is set, later ticks change nothing.
+// A countdown that has been showing its seconds and is found past its end
+// (its ticks were held up over its last seconds, by a long poll for
+// instance) has run out: the UPS is on battery, so it goes to the final
+// phase. A countdown that never showed seconds (restarted by a notice with
+// no length set, DELAYSECONDS 0) does not; once the flag is set, ticks past
+// the end change nothing.
 void ShutdownController::Timer3_Timer() {
   if (frame::NumericValue(s_.SETTINGS[frame::ENABLESHUT]) == 0) {
     s_.ALARMTEXT.clear();
     return;
   }
   const int32_t left = s_.DELAYSECONDS - ElapsedSeconds();
-  if (left < 0 && s_.SHUTDOWNFLAG == 1) return;
+  if (left < 0 && (s_.SHUTDOWNFLAG == 1 || !showing_seconds_)) return;
   if (left < 4) {
     s_.ALARMTEXT = s_.Message(25);
     s_.SHUTDOWNFLAG = 1;
     return;
   }
+  showing_seconds_ = true;
   s_.ALARMTEXT =
       s_.Message(26) + " " + std::to_string(left) + " " + s_.Message(27);
 }

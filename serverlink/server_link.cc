@@ -14,14 +14,19 @@ bool BeginsWith(const std::string& text, const char* prefix) {
   return text.rfind(prefix, 0) == 0;
 }
 
-// The countdown length of a numeric time field. A value that does not fit
-// (possible only with an exponent, such as "9e99") is held to the nearest
-// 16-bit value: the server meant a very long or an already run-out time.
+// The shortest countdown a power failure is given: with 3 s or less left the
+// countdown reaches its final phase at its first tick, even a late one.
+constexpr int16_t kShortestCountdown = 3;
+
+// The countdown length of a numeric time field. A field of less than 3 s (0,
+// a negative value, no number at all) is the server saying the UPS is on
+// battery with no time left: the countdown is given 3 s, so that it ends at
+// its first tick instead of never. A value that does not fit 16 bits (only
+// possible with an exponent, "9e99") is held to 32767.
 int16_t TimeFieldSeconds(const std::string& field) {
   const double rounded = frame::RoundHalfEven(frame::NumericValue(field));
-  if (std::isnan(rounded)) return 0;
+  if (!(rounded >= kShortestCountdown)) return kShortestCountdown;
   if (rounded > 32767) return 32767;
-  if (rounded < -32768) return -32768;
   return static_cast<int16_t>(rounded);
 }
 
