@@ -252,11 +252,14 @@ std::optional<std::string> PosixPlatform::ReadFile(const std::string& path) {
   return data;
 }
 
+// A folder opens on POSIX, but it is no file to read.
 bool PosixPlatform::CanOpenForReading(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
+  struct stat info {};
+  const bool file = ::fstat(fd, &info) == 0 && !S_ISDIR(info.st_mode);
   ::close(fd);
-  return true;
+  return file;
 }
 
 bool PosixPlatform::AppendToFile(const std::string& path,
