@@ -84,6 +84,29 @@ std::string DescribeWaitStatus(std::optional<int> wait_status) {
   return "wait status " + std::to_string(*wait_status);
 }
 
+bool WaitUntil(const std::function<bool()>& done,
+               std::chrono::milliseconds timeout) {
+  return PollUntil(done, timeout);
+}
+
+std::optional<long long> TcpStatistic(const std::string& name) {
+  std::istringstream table(ReadWholeFile("/proc/self/net/snmp"));
+  std::string names;
+  std::string values;
+  // Pairs of lines: "Tcp: Name1 Name2 ..." and "Tcp: value1 value2 ...".
+  while (std::getline(table, names) && std::getline(table, values)) {
+    if (names.rfind("Tcp:", 0) != 0) continue;
+    std::istringstream name_list(names);
+    std::istringstream value_list(values);
+    std::string key;
+    std::string value;
+    while (name_list >> key && value_list >> value) {
+      if (key == name) return std::strtoll(value.c_str(), nullptr, 10);
+    }
+  }
+  return std::nullopt;
+}
+
 std::string DistFile(const std::string& name) {
   return ReadWholeFile(fs::path(KOVRAN_DIST_DIR) / name);
 }
@@ -212,6 +235,15 @@ std::string ProgramFolder::FilePath(const std::string& name) const {
 void ProgramFolder::WriteFile(const std::string& name,
                               const std::string& text) {
   WriteWholeFile(FilePath(name), text);
+}
+
+void ProgramFolder::WriteExecutable(const std::string& name,
+                                    const std::string& text) {
+  WriteFile(name, text);
+  fs::permissions(FilePath(name), fs::perms::owner_all | fs::perms::group_read |
+                                      fs::perms::group_exec |
+                                      fs::perms::others_read |
+                                      fs::perms::others_exec);
 }
 
 void ProgramFolder::RemoveFile(const std::string& name) {

@@ -38,6 +38,15 @@ MATCHER_P(ExitedWith, code, "exited with status " + std::to_string(code)) {
   return arg.has_value() && WIFEXITED(*arg) && WEXITSTATUS(*arg) == code;
 }
 
+// Checks `done` every few milliseconds until it holds or `timeout` has
+// passed; the result of the last check.
+bool WaitUntil(const std::function<bool()>& done,
+               std::chrono::milliseconds timeout);
+
+// A counter of the TCP statistics of this process's network namespace
+// (/proc/self/net/snmp), such as "AttemptFails"; nothing when it is missing.
+std::optional<long long> TcpStatistic(const std::string& name);
+
 // The text of a shipped sample file (dist/).
 std::string DistFile(const std::string& name);
 
@@ -85,6 +94,8 @@ class ProgramFolder {
 
   void WriteFile(const std::string& name, const std::string& text);
   void WriteSettings(const std::string& text) { WriteFile("upsser.cfg", text); }
+  // Writes `text` and makes the file executable.
+  void WriteExecutable(const std::string& name, const std::string& text);
   void RemoveFile(const std::string& name);
   bool Exists(const std::string& name) const;
   std::string ReadFile(const std::string& name) const;
