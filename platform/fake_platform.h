@@ -42,7 +42,8 @@ class FakePlatform : public Platform {
   // Virtual time since the fake was made.
   Duration Now() const { return now_; }
 
-  // Local wall clock at virtual time 0. Midnight rolls the date over.
+  // Sets the local wall clock as it reads now; from here it runs on with
+  // virtual time, and midnight rolls the date over.
   void SetWallClock(LocalDate date, double seconds_since_midnight);
 
   // ---- Scripting ----
