@@ -144,21 +144,18 @@ TEST(ParseSettingsTest, SurvivesHostileText) {
 
 class LoadSettingsTest : public FrameTest {};
 
-TEST_F(LoadSettingsTest, ReadingSetsDetailTextPollPhaseAndTheMainTick) {
-  fake_.SetWallClock({2026, 11, 23}, 0);
+TEST_F(LoadSettingsTest, EveryReadingSetsDetailPollPhaseAndTickAndKeepsMissingKeys) {
   main_.state.MESSAGES[42] = "On mains";
-  main_.state.POLLPHASE = 2;
-  main_.Timer1->SetInterval(1000);
-  ASSERT_TRUE(main_.LOADSETTINGS().ok());
-  EXPECT_EQ(main_.state.DETAILTEXT, "On mains");
-  EXPECT_EQ(main_.state.POLLPHASE, 0);
-  EXPECT_EQ(main_.Timer1->Interval(), 500);
-}
-
-TEST_F(LoadSettingsTest, AReloadKeepsKeysMissingFromTheFile) {
-  ASSERT_TRUE(main_.LOADSETTINGS().ok());
-  SetSettings("CLIENTPORT:7\r\n");
-  ASSERT_TRUE(main_.LOADSETTINGS().ok());
+  for (const char* file : {"HOST:127.0.0.1\r\n", "CLIENTPORT:7\r\n"}) {
+    SetSettings(file);
+    main_.state.POLLPHASE = 2;
+    main_.state.DETAILTEXT = "other";
+    main_.Timer1->SetInterval(1000);
+    ASSERT_TRUE(main_.LOADSETTINGS().ok());
+    EXPECT_EQ(main_.state.DETAILTEXT, "On mains");
+    EXPECT_EQ(main_.state.POLLPHASE, 0);
+    EXPECT_EQ(main_.Timer1->Interval(), 500);
+  }
   EXPECT_EQ(main_.state.SETTINGS[HOST], "127.0.0.1");
   EXPECT_EQ(main_.state.CLIENTPORT, 7);
 }

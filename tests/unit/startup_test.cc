@@ -69,18 +69,28 @@ TEST_F(StartupTest, TimersRunOnlyAfterStartUp) {
   EXPECT_EQ(ticks, 1);
 }
 
-TEST_F(StartupTest, AStartLineWithoutMessage51) {
-  SetLanguage("");  // an empty language file is no error
-  main_.Load();
-  EXPECT_EQ(main_.phase(), MainWindow::Phase::kRunning);
-  EXPECT_THAT(LogTexts(), ElementsAre("New Start /"));
-}
-
-TEST_F(StartupTest, LanguageSelectsTheFile) {
-  SetSettings("LANGUAGE:2B\r\n");
-  SetLanguage("051 zwei\r\n", '2');
-  main_.Load();
-  EXPECT_THAT(LogTexts(), ElementsAre("New Start /zwei"));
+TEST_F(StartupTest, TheStartLineComesFromTheSelectedLanguageFile) {
+  const struct {
+    const char* settings;
+    char file;
+    const char* language;
+    const char* start_line;
+  } cases[] = {
+      {"", '1', "", "New Start /"},  // an empty language file is no error
+      {"LANGUAGE:\r\n", '1', "051 one\r\n", "New Start /one"},
+      {"LANGUAGE:2B\r\n", '2', "051 zwei\r\n", "New Start /zwei"},
+  };
+  for (const auto& c : cases) {
+    platform::FakePlatform fake;
+    fake.folders.insert("/kovran/SERLOGS");
+    fake.files["/kovran/upsser.cfg"] = c.settings;
+    fake.files[std::string("/kovran/LANGSE") + c.file + ".TXT"] = c.language;
+    MainWindow main(fake);
+    main.Load();
+    EXPECT_EQ(main.phase(), MainWindow::Phase::kRunning) << c.settings;
+    EXPECT_EQ(fake.files["/kovran/SERLOGS/2026-11.CLG"].substr(kStampLength),
+              std::string(c.start_line) + "\r\n");
+  }
 }
 
 TEST_F(StartupTest, AnotherInstanceEndsAtOnce) {
@@ -152,11 +162,8 @@ TEST_F(StartupTest, ThePlatformClosingTheWindowUnloads) {
   EXPECT_EQ(ticks, 0);
   EXPECT_EQ(LogTexts().back(), "QueryUnload Program ended");
   EXPECT_THAT(calls_, ElementsAre("destroy 1", "destroy 2", "destroy 3"));
-}
 
-TEST_F(StartupTest, UnloadUsesTheCurrentNumberOfWindows) {
-  RecordParts();
-  main_.Load();
+  // The unload step uses the number of windows the settings hold now.
   SetSettings("MAXLOCALUSERS:1\r\n");
   ASSERT_TRUE(main_.LOADSETTINGS().ok());
   calls_.clear();
@@ -194,19 +201,6 @@ class ServiceTest : public FrameTest {
          "051 started\r\n052 could not start\r\n083 no batch file\r\n"}};
     window_.emplace(fake_);
   }
-  std::vector<std::string> Log() {
-    std::vector<std::string> texts;
-    for (const auto& [path, content] : fake_.files) {
-      if (path.find("SERLOGS") == std::string::npos) continue;
-      for (std::size_t at = 0; at < content.size();) {
-        const auto end = content.find("\r\n", at);
-        texts.push_back(content.substr(at + kStampLength,
-                                       end - at - kStampLength));
-        at = end + 2;
-      }
-    }
-    return texts;
-  }
   std::optional<MainWindow> window_;  // made once the folder is set
 };
 
@@ -225,7 +219,7 @@ TEST_F(ServiceTest, FirstStartWritesAndStartsTheBatchFileAndEnds) {
   EXPECT_EQ(fake_.service_connect_calls(), 0);
   EXPECT_TRUE(fake_.ended());
   EXPECT_FALSE(snmp_opened);
-  EXPECT_THAT(Log(), ElementsAre("New Start /started",
+  EXPECT_THAT(LogTexts(), ElementsAre("New Start /started",
                                  "QueryUnload Program ended"));
 }
 
@@ -250,7 +244,7 @@ TEST_F(ServiceTest, AFailedAttachInstallsAgain) {
 TEST_F(ServiceTest, FailuresAreLoggedAndTheProgramEnds) {
   fake_.unwritable.insert(kBatch);
   window_->Load();
-  EXPECT_THAT(Log(), ElementsAre("New Start /started", "no batch file",
+  EXPECT_THAT(LogTexts(), ElementsAre("New Start /started", "no batch file",
                                  "QueryUnload Program ended"));
   EXPECT_TRUE(fake_.starts.empty());
   EXPECT_TRUE(fake_.ended());
@@ -261,7 +255,7 @@ TEST_F(ServiceTest, FailuresAreLoggedAndTheProgramEnds) {
   fake.failing_starts.insert(kBatch);
   MainWindow again(fake);
   again.Load();
-  const auto log = Log();
+  const auto log = LogTexts();
   EXPECT_EQ(log[log.size() - 2], std::string(kBatch) + " could not start");
   EXPECT_EQ(log.back(), "QueryUnload Program ended");
 }
