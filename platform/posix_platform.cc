@@ -157,8 +157,10 @@ class PosixTimer : public Timer {
 
 PosixPlatform::PosixPlatform(bool exit_process)
     : impl_(std::make_unique<Impl>(exit_process)) {
-  // Started programs are never waited for; let the kernel reap them.
+  // Started programs are never waited for; let the kernel reap them. A peer
+  // that has gone away is a socket error, never a reason to die.
   std::signal(SIGCHLD, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
   impl_->WaitForSignal();
 }
 
@@ -288,7 +290,8 @@ bool PosixPlatform::StartProcess(const std::string& command_line, int) {
     ::close(report[0]);
     CloseInheritedDescriptors(report[1]);
     ::setsid();
-    std::signal(SIGCHLD, SIG_DFL);
+    std::signal(SIGCHLD, SIG_DFL);  // ignored dispositions survive exec
+    std::signal(SIGPIPE, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
