@@ -1,12 +1,15 @@
 // The shutdown controller in virtual time: the countdown and its shutdown
-// flag, the all-clear, the exit timer that starts EXIT.EXE, and the
-// end-program timer.
+// flag, the exit timer that starts EXIT.EXE, and the end-program timer. The
+// all-clear is followed through the whole program in
+// power_failure_scenario_test.cc.
 #include "power/shutdown_controller.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,401 +20,205 @@ namespace {
 
 using kovran_testing::ControllerRig;
 using kovran_testing::Left;
-using kovran_testing::Ms;
-using kovran_testing::ProgramRig;
 using kovran_testing::Text;
 using ::testing::ElementsAre;
 using namespace std::chrono_literals;
+using Duration = platform::FakePlatform::Duration;
 
 constexpr char kExitExe[] = "/kovran/EXIT.EXE";
 constexpr char kStopcon[] = "/kovran/STOPCON.BAT";
+constexpr char kOn[] = "ENABLESHUT:1\r\n";
 
-// Starts a countdown of `delay` seconds at 10:00:00.4, as the power watch
-// does: DELAYSECONDS first, then PENCEREKUR.
-void StartCountdownAt400(ControllerRig& r, int16_t delay,
-                         const std::string& detail = "Mains failure") {
+// Starts a countdown of `delay` seconds 0.4 s after start-up, as the power
+// watch does: DELAYSECONDS first, then PENCEREKUR, which raises the alert and
+// logs the detail text.
+void StartCountdown(ControllerRig& r, int16_t delay) {
   r.main.Load();
   r.AdvanceTo(400ms);
-  r.s.DETAILTEXT = detail;
+  r.s.DETAILTEXT = "Mains failure";
   r.s.DELAYSECONDS = delay;
   r.main.parts.PENCEREKUR();
+  EXPECT_THAT(r.Log(), ElementsAre("New Start /started", "Mains failure"));
 }
 
-// The exit timer's 30th tick after a flag set at `flag_at` (not on a whole
-// second) comes at whole second ceil(flag_at) + 29: 1 ms before, the program
-// runs; at it, EXIT.EXE is started and the program has ended.
-void ExpectEndAt(ControllerRig& r, std::chrono::milliseconds end_at) {
-  r.AdvanceTo(end_at - 1ms);
-  EXPECT_FALSE(r.fake.ended());
-  EXPECT_TRUE(r.fake.starts.empty());
-  r.AdvanceTo(end_at);
+// Runs on until the program ends, which must be at the exit timer's 30th tick
+// after a flag set at `flag_at`: the first of them is the first whole second
+// not before the flag (the exit timer ticks after the countdown). There it has
+// started EXIT.EXE, or logged that it could not, and unloaded the main window.
+void ExpectEndAfterFlagAt(ControllerRig& r, Duration flag_at,
+                          bool exit_fails = false) {
+  r.fake.Advance(3600s);
   ASSERT_TRUE(r.fake.ended());
-  EXPECT_EQ(r.fake.exit_code(), frame::kExitNormal);
-  ASSERT_EQ(r.fake.starts.size(), 1u);
+  EXPECT_EQ(r.fake.Now(),
+            std::chrono::ceil<std::chrono::seconds>(flag_at) + 29s);
+  EXPECT_EQ(r.Log().back(), "QueryUnload Program ended");
+  EXPECT_EQ(r.LogCount(std::string(kExitExe) + " " + Text(52)),
+            exit_fails ? 1 : 0);
+  ASSERT_EQ(r.fake.starts.size(), exit_fails ? 0u : 1u);
+  if (exit_fails) return;
   EXPECT_EQ(r.fake.starts[0].command_line, kExitExe);
   EXPECT_EQ(r.fake.starts[0].window_style, platform::kWindowNormalFocus);
-  EXPECT_EQ(r.Log().back(), "QueryUnload Program ended");
 }
 
-TEST(ShutdownControllerTest, CountdownOfFiveMinutesEndsWithExitExe) {
-  ControllerRig r;
-  StartCountdownAt400(r, 300);
-  EXPECT_EQ(r.s.STARTTIME, 10 * 3600);
-  EXPECT_EQ(r.s.EMERGENCYTEXT, "1");
-  EXPECT_THAT(r.Log(), ElementsAre("New Start /started", "Mains failure"));
-
-  r.AdvanceTo(1399ms);
-  EXPECT_EQ(r.s.ALARMTEXT, "");
-  r.AdvanceTo(1400ms);
-  EXPECT_EQ(r.s.ALARMTEXT, "Shutdown in 299 seconds");
-  r.AdvanceTo(297399ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(4));
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-  r.AdvanceTo(297400ms);  // 10:04:57.4
-  EXPECT_EQ(r.s.ALARMTEXT, Text(25));
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-  EXPECT_EQ(r.s.EXITCOUNT, 0);
-
-  ExpectEndAt(r, 327s);  // 10:05:27
-  EXPECT_THAT(r.Log(), ElementsAre("New Start /started", "Mains failure",
-                                   "QueryUnload Program ended"));
-  r.fake.Advance(60s);
-  EXPECT_EQ(r.fake.starts.size(), 1u);
-}
-
-// Countdowns of 4 s or less reach the final phase at their first tick; once
-// the flag is set, ticks past the end leave the alarm text alone.
-TEST(ShutdownControllerTest,
-     CountdownsOfFourSecondsOrLessEndAtTheFirstTick) {
-  for (int16_t delay : {1, 2, 3, 4}) {
-    SCOPED_TRACE(delay);
-    ControllerRig r;
-    StartCountdownAt400(r, delay);
-    r.AdvanceTo(1399ms);
-    EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-    EXPECT_EQ(r.s.ALARMTEXT, "");
-    r.AdvanceTo(1400ms);
-    EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-    EXPECT_EQ(r.s.ALARMTEXT, Text(25));
-    r.AdvanceTo(10s);
-    r.s.ALARMTEXT = "left alone";
-    r.AdvanceTo(15s);
-    EXPECT_EQ(r.s.ALARMTEXT, "left alone");
-    ExpectEndAt(r, 31s);
-  }
-  ControllerRig r;
-  StartCountdownAt400(r, 5);
-  r.AdvanceTo(1400ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(4));
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-  r.AdvanceTo(2400ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-}
-
-// A countdown started without a length (a notice right after start, with
-// DELAYSECONDS still 0 or below) never shows seconds and never ends the
-// program: a busy UPS is no reason to switch the PC off.
-TEST(ShutdownControllerTest, ACountdownWithoutLengthNeverEnds) {
-  for (int16_t delay : {-32768, -1, 0}) {
-    SCOPED_TRACE(delay);
-    ControllerRig r;
-    StartCountdownAt400(r, delay);
-    r.AdvanceTo(600s);
-    EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-    EXPECT_EQ(r.s.ALARMTEXT, "");
-    EXPECT_FALSE(r.fake.ended());
-  }
-}
-
-// Ticks held up over the last seconds (a long poll blocks the event thread)
-// find the countdown past its end: it has run out and goes to the final
-// phase at once.
-TEST(ShutdownControllerTest, ACountdownWhoseTicksWereHeldUpRunsOut) {
-  ControllerRig r;
-  StartCountdownAt400(r, 10);
-  r.AdvanceTo(1400ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(9));
-  r.main.Timer3->SetEnabled(false);  // no tick from 2 s to 20 s
-  r.AdvanceTo(20s);
-  r.main.Timer3->SetEnabled(true);
-  r.AdvanceTo(20999ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-  r.AdvanceTo(21s);  // left is -11
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-  EXPECT_EQ(r.s.ALARMTEXT, Text(25));
-  // The exit timer's tick at 21 s comes after the countdown's (made later),
-  // so it is the first of the 30.
-  ExpectEndAt(r, 50s);
-}
-
-TEST(ShutdownControllerTest, EnableShutDecidesWhetherTheCountdownEnds) {
+// A 300 s countdown started at 10:00:00.4 shows 299 s left at its first tick,
+// sets the flag at the tick of 10:04:57.4 (4 s left at the one before), and
+// the exit timer's 30th tick after the flag, at 10:05:27, starts EXIT.EXE.
+// Each row starts at its own time of day, may disturb the road once, and
+// checks the alarm text at one moment and the flag on both sides of its tick.
+// (The mains coming back are followed through the whole program.)
+TEST(ShutdownControllerTest, CountdownTimeline) {
+  using Act = std::function<void(ControllerRig&)>;
+  const Act clock_back = [](ControllerRig& r) {
+    r.fake.SetWallClock(r.fake.Today(), r.fake.SecondsSinceMidnight() - 3600);
+  };
+  const Act restart_70 = [](ControllerRig& r) {
+    r.s.DELAYSECONDS = 70;
+    r.main.parts.PENCEREKUR();
+  };
+  const Act stale_exit_count = [](ControllerRig& r) { r.s.EXITCOUNT = 29; };
+  const Act saymasifir = [](ControllerRig& r) { r.main.parts.SAYMASIFIR(); };
   const struct {
-    const char* line;
-    bool ends;
+    const char* name;
+    double wall_start;  // seconds since midnight at start-up
+    Duration act_at;
+    Act act;
+    Duration probe_at;
+    std::string alarm;  // at probe_at
+    Duration flag_at;
   } cases[] = {
-      {"ENABLESHUT:0\r\n", false},
-      {"ENABLESHUT:\r\n", false},
-      {"", false},
-      {"ENABLESHUT:no\r\n", false},
-      {"ENABLESHUT: 0.0\r\n", false},
-      {"ENABLESHUT:1\r\n", true},
-      {"ENABLESHUT: 2\r\n", true},
+      {"undisturbed", 36000, 0s, nullptr, 1400ms, Left(299), 297400ms},
+      {"across midnight", 86300, 0s, nullptr, 100400ms, Left(200), 297400ms},
+      {"wall clock back an hour", 36000, 150s, clock_back, 150400ms, Left(150),
+       297400ms},
+      {"exit count left over", 36000, 500ms, stale_exit_count, 1400ms,
+       Left(299), 297400ms},
+      {"second PENCEREKUR, now 70 s", 36000, 100500ms, restart_70, 101500ms,
+       Left(69), 167500ms},
+      {"SAYMASIFIR alone", 36000, 100500ms, saymasifir, 101400ms, Left(299),
+       397400ms},
+      {"PENCEREKUR after the flag", 36000, 310s, restart_70, 311s, Left(69),
+       297400ms},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
-    ControllerRig r(c.line);
-    r.main.Load();
-    r.s.ALARMTEXT = "from before";
-    r.AdvanceTo(400ms);
-    r.s.DELAYSECONDS = 10;
-    r.main.parts.PENCEREKUR();
-    r.AdvanceTo(1400ms);
-    EXPECT_EQ(r.s.ALARMTEXT, c.ends ? Left(9) : "");
-    r.AdvanceTo(120s);
-    EXPECT_EQ(r.fake.ended(), c.ends);
-    if (c.ends) continue;
-    EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-    EXPECT_TRUE(r.fake.starts.empty());
-    // The countdown timer goes on ticking and keeps the text empty.
-    EXPECT_TRUE(r.main.Timer3->Enabled());
-    r.s.ALARMTEXT = "set elsewhere";
-    r.AdvanceTo(120400ms);
-    EXPECT_EQ(r.s.ALARMTEXT, "");
-  }
-}
-
-// The power watch stops the countdown and starts the all-clear when the
-// mains come back (here at 10:02:00).
-TEST(ShutdownControllerTest, MainsReturnBeforeTheFlagStopsAndAllClears) {
-  ControllerRig r;
-  StartCountdownAt400(r, 300);
-  r.AdvanceTo(120s);
-  r.main.StopCountdownTimer();
-  r.main.StartAllClearTimer();
-  EXPECT_EQ(r.s.ALARMTEXT, Left(181));
-
-  r.AdvanceTo(134999ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(181));
-  EXPECT_EQ(r.s.DETAILTEXT, "Mains failure");
-  EXPECT_EQ(r.s.EMERGENCYTEXT, "1");
-  EXPECT_THAT(r.s.WINDOWMSGS, ElementsAre("", "", "", ""));
-  r.AdvanceTo(135s);  // 10:02:15
-  EXPECT_EQ(r.s.DETAILTEXT, Text(28));
-  EXPECT_EQ(r.s.EMERGENCYTEXT, "0");
-  EXPECT_THAT(r.s.WINDOWMSGS, ElementsAre("", "CLOSE", "CLOSE", "CLOSE"));
-
-  // One shot: nothing more comes of either timer.
-  r.s.DETAILTEXT = "On mains";
-  r.s.WINDOWMSGS = {};
-  r.AdvanceTo(3600s);
-  EXPECT_EQ(r.s.DETAILTEXT, "On mains");
-  EXPECT_THAT(r.s.WINDOWMSGS, ElementsAre("", "", "", ""));
-  EXPECT_EQ(r.s.ALARMTEXT, Left(181));
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-  EXPECT_FALSE(r.fake.ended());
-}
-
-TEST(ShutdownControllerTest, MainsReturnAfterTheFlagDoNotStopTheEnd) {
-  ControllerRig r;
-  StartCountdownAt400(r, 300);
-  r.AdvanceTo(300s);
-  ASSERT_EQ(r.s.SHUTDOWNFLAG, 1);
-  r.main.StopCountdownTimer();
-  r.main.StartAllClearTimer();
-  r.AdvanceTo(315s);
-  EXPECT_EQ(r.s.EMERGENCYTEXT, "0");
-  ExpectEndAt(r, 327s);
-}
-
-TEST(ShutdownControllerTest, FailureAfterTheMainsReturnedCountsAgain) {
-  ControllerRig r;
-  StartCountdownAt400(r, 300);
-  r.AdvanceTo(120s);
-  r.main.StopCountdownTimer();
-  r.main.StartAllClearTimer();
-  r.AdvanceTo(200500ms);
-  ASSERT_EQ(r.s.EMERGENCYTEXT, "0");
-  r.s.DELAYSECONDS = 60;
-  r.main.parts.PENCEREKUR();
-  EXPECT_EQ(r.s.EMERGENCYTEXT, "1");
-  r.AdvanceTo(201500ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(59));
-  r.AdvanceTo(257499ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-  r.AdvanceTo(257500ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-  ExpectEndAt(r, 287s);
-}
-
-TEST(ShutdownControllerTest, RestartCountsTheNewLengthFromItsOwnSecond) {
-  ControllerRig r;
-  StartCountdownAt400(r, 300);
-  r.AdvanceTo(100500ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(200));
-  r.s.DELAYSECONDS = 70;
-  r.main.parts.PENCEREKUR();
-  r.AdvanceTo(101499ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(200));
-  r.AdvanceTo(101500ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(69));
-  EXPECT_EQ(r.LogCount("Mains failure"), 2);
-  r.AdvanceTo(167499ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-  r.AdvanceTo(167500ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-}
-
-// After the flag a restart only brings the seconds back into the text.
-TEST(ShutdownControllerTest, RestartAfterTheFlagKeepsTheEnd) {
-  ControllerRig r;
-  StartCountdownAt400(r, 300);
-  r.AdvanceTo(310s);
-  r.main.parts.PENCEREKUR();
-  r.AdvanceTo(311s);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(299));
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-  ExpectEndAt(r, 327s);
-}
-
-TEST(ShutdownControllerTest, SaymasifirAloneMovesTheCountsStart) {
-  ControllerRig r;
-  StartCountdownAt400(r, 300);
-  r.AdvanceTo(100500ms);
-  r.main.parts.SAYMASIFIR();
-  EXPECT_EQ(r.s.STARTTIME, 10 * 3600 + 100);
-  r.AdvanceTo(101399ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(200));
-  r.AdvanceTo(101400ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(299));
-}
-
-TEST(ShutdownControllerTest, CountdownRunsOnAcrossMidnight) {
-  ControllerRig r;
-  r.fake.SetWallClock({2026, 11, 23}, 86300);  // started at 23:58:20.4
-  StartCountdownAt400(r, 300);
-  r.AdvanceTo(99400ms);
-  EXPECT_EQ(r.s.ALARMTEXT, Left(201));
-  r.AdvanceTo(100400ms);  // 00:00:00.4 on the 24th
-  EXPECT_EQ(r.s.ALARMTEXT, Left(200));
-  r.AdvanceTo(297399ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-  r.AdvanceTo(297400ms);
-  EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-  ExpectEndAt(r, 327s);
-}
-
-TEST(ShutdownControllerTest, SettingTheWallClockDoesNotMoveTheCountdown) {
-  for (double shift : {-3600.0, 3600.0, -36150.0, 60000.7}) {
-    SCOPED_TRACE(shift);
+    SCOPED_TRACE(c.name);
     ControllerRig r;
-    StartCountdownAt400(r, 300);
-    r.AdvanceTo(150s);
-    r.fake.SetWallClock(r.fake.Today(), r.fake.SecondsSinceMidnight() + shift);
-    r.AdvanceTo(150400ms);
-    EXPECT_EQ(r.s.ALARMTEXT, Left(150));
-    r.AdvanceTo(297399ms);
-    EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
-    r.AdvanceTo(297400ms);
-    EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
-    ExpectEndAt(r, 327s);
+    r.fake.SetWallClock({2026, 11, 23}, c.wall_start);
+    StartCountdown(r, 300);
+    const auto act_by = [&](Duration t) {
+      if (!c.act || c.act_at <= r.fake.Now() || c.act_at > t) return;
+      r.AdvanceTo(c.act_at);
+      c.act(r);
+    };
+    std::vector<std::pair<Duration, std::string>> checks = {
+        {c.probe_at, c.alarm},
+        {c.flag_at - 1ms, Left(4)},
+        {c.flag_at, Text(25)}};
+    std::sort(checks.begin(), checks.end());
+    for (const auto& [at, alarm] : checks) {
+      act_by(at);
+      r.AdvanceTo(at);
+      EXPECT_EQ(r.s.ALARMTEXT, alarm) << at / 1ms << " ms";
+      EXPECT_EQ(r.s.SHUTDOWNFLAG, at >= c.flag_at ? 1 : 0) << at / 1ms;
+    }
+    act_by(3600s);
+    ExpectEndAfterFlagAt(r, c.flag_at);
   }
 }
 
-TEST(ShutdownControllerTest, AcilRaisesTheAlertAndLogsDetailsOfFiveOrMore) {
+// When a countdown started 0.4 s after start-up sets its flag, if ever, and
+// when the program ends. Countdowns of 4 s or less end at their first tick;
+// one without a length (a notice right after start) never ends; one whose
+// ticks were held up past its last seconds (a long poll) has run out; with
+// ENABLESHUT 0 the countdown only keeps the alarm text empty.
+TEST(ShutdownControllerTest, HowCountdownsEnd) {
   const struct {
-    const char* detail;
-    bool logged;
+    const char* settings;
+    int16_t delay;
+    Duration flag_at;         // 0: never
+    bool held = false;        // no countdown tick from 2 s to 20 s
+    bool exit_fails = false;  // EXIT.EXE cannot be started
   } cases[] = {
-      {"Mains failure", true}, {"12345", true}, {"1234", false}, {"", false}};
+      {kOn, 1, 1400ms},
+      {kOn, 3, 1400ms},
+      {kOn, 4, 1400ms},
+      {kOn, 5, 2400ms},
+      {kOn, 3, 1400ms, false, true},
+      {kOn, 10, 21s, true},
+      {kOn, 0, 0ms},
+      {kOn, -32768, 0ms},
+      {"ENABLESHUT: 2\r\n", 10, 7400ms},
+      {"ENABLESHUT:0\r\n", 10, 0ms},
+      {"ENABLESHUT:\r\n", 10, 0ms},
+      {"", 10, 0ms},
+      {"ENABLESHUT:no\r\n", 10, 0ms},
+      {"ENABLESHUT: 0.0\r\n", 10, 0ms},
+  };
   for (const auto& c : cases) {
-    ControllerRig r;
-    r.main.Load();
-    r.s.DETAILTEXT = c.detail;
-    r.main.parts.ACIL();
-    EXPECT_EQ(r.s.EMERGENCYTEXT, "1");
-    EXPECT_EQ(r.LogCount(c.detail), c.logged ? 1 : 0) << c.detail;
-    EXPECT_EQ(r.Log().size(), c.logged ? 2u : 1u);
+    SCOPED_TRACE(testing::Message() << c.settings << c.delay << " s");
+    ControllerRig r(c.settings);
+    if (c.exit_fails) r.fake.failing_starts.insert(kExitExe);
+    StartCountdown(r, c.delay);
+    r.s.ALARMTEXT = "from before";
+    if (c.held) {
+      r.AdvanceTo(2s);
+      r.main.Timer3->SetEnabled(false);
+      r.AdvanceTo(20s);
+      r.main.Timer3->SetEnabled(true);
+    }
+    if (c.flag_at == 0ms) {
+      r.AdvanceTo(600s);
+      EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
+      // Switched off, the countdown clears the text; without a length it
+      // leaves it alone.
+      EXPECT_EQ(r.s.ALARMTEXT, c.delay > 0 ? "" : "from before");
+      continue;
+    }
+    r.AdvanceTo(c.flag_at - 1ms);
+    EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
+    r.AdvanceTo(c.flag_at);
+    EXPECT_EQ(r.s.SHUTDOWNFLAG, 1);
+    EXPECT_EQ(r.s.ALARMTEXT, Text(25));
+    // Ticks past the end change nothing once the flag is set.
+    r.AdvanceTo(c.flag_at + 8s);
+    r.s.ALARMTEXT = "left alone";
+    r.AdvanceTo(c.flag_at + 13s);
+    EXPECT_EQ(r.s.ALARMTEXT, "left alone");
+    ExpectEndAfterFlagAt(r, c.flag_at, c.exit_fails);
   }
 }
 
-TEST(ShutdownControllerTest, ExitExeThatCannotStartIsLoggedAndTheProgramEnds) {
-  ControllerRig r;
-  r.fake.failing_starts.insert(kExitExe);
-  StartCountdownAt400(r, 3);
-  r.AdvanceTo(30999ms);
-  EXPECT_FALSE(r.fake.ended());
-  r.AdvanceTo(31s);
-  EXPECT_TRUE(r.fake.ended());
-  EXPECT_EQ(r.fake.exit_code(), frame::kExitNormal);
-  EXPECT_THAT(r.Log(), ElementsAre("New Start /started", "Mains failure",
-                                   "/kovran/EXIT.EXE could not start",
-                                   "QueryUnload Program ended"));
-}
-
-// On the NT family the program runs as a service, and STOPCON.BAT has to end
-// it from outside; until then it is started again at every tick.
-TEST(ShutdownControllerTest, EndProgramTimerOnNtStartsStopconAtEveryTick) {
-  for (bool fails : {false, true}) {
-    SCOPED_TRACE(fails);
-    ControllerRig r;
-    r.fake.platform_number = platform::kPlatformNt;
-    r.fake.files["/kovran/CRKOVRA.BAT"] = "installed";
-    if (fails) r.fake.failing_starts.insert(kStopcon);
-    r.main.Load();
-    r.main.Timer6->SetInterval(6000);
-    r.AdvanceTo(5999ms);
-    EXPECT_TRUE(r.fake.starts.empty());
-    EXPECT_EQ(r.Log().size(), 1u);
-    r.AdvanceTo(18s);
-    EXPECT_FALSE(r.fake.ended());
-    const std::string failed = std::string(kStopcon) + " " + Text(52);
-    if (fails) {
-      EXPECT_TRUE(r.fake.starts.empty());
-      EXPECT_THAT(r.Log(),
-                  ElementsAre("New Start /started", failed, failed, failed));
-    } else {
-      ASSERT_EQ(r.fake.starts.size(), 3u);
+// The end-program timer, armed by a local window's "ENDPROGRAM" (6000 ms) or
+// the local control port's "EXITPROGRAM". Off the NT family it closes the
+// SNMP manager and the server socket and ends; on it the program runs as a
+// service and STOPCON.BAT, started hidden at every tick (a failure logged each
+// time), has to end it from outside.
+TEST(ShutdownControllerTest, EndProgramTimer) {
+  for (bool nt : {false, true}) {
+    for (bool stopcon_fails : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "NT " << nt << ", " << stopcon_fails);
+      ControllerRig r;
+      if (nt) r.fake.platform_number = platform::kPlatformNt;
+      r.fake.files["/kovran/CRKOVRA.BAT"] = "installed";
+      if (stopcon_fails) r.fake.failing_starts.insert(kStopcon);
+      std::string closed;
+      r.main.parts.CloseSnmpManager = [&] { closed += "manager "; };
+      r.main.parts.CloseServerSocket = [&] { closed += "server"; };
+      r.main.Load();
+      r.main.Timer6->SetInterval(6000);
+      r.fake.Advance(18s);
+      EXPECT_EQ(r.fake.ended(), !nt);
+      EXPECT_EQ(r.fake.Now(), nt ? 18s : 6s);
+      EXPECT_EQ(closed, nt ? "" : "manager server");
+      EXPECT_EQ(r.LogCount("QueryUnload Program ended"), nt ? 0 : 1);
+      EXPECT_EQ(r.LogCount(std::string(kStopcon) + " " + Text(52)),
+                nt && stopcon_fails ? 3 : 0);
+      ASSERT_EQ(r.fake.starts.size(), nt && !stopcon_fails ? 3u : 0u);
       for (const auto& start : r.fake.starts) {
         EXPECT_EQ(start.command_line, kStopcon);
         EXPECT_EQ(start.window_style, platform::kWindowHidden);
       }
-      EXPECT_EQ(r.Log().size(), 1u);
     }
   }
-}
-
-// "ENDPROGRAM" of a local window arms 6000 ms, "EXITPROGRAM" of the local
-// control port 4000 ms.
-TEST(ShutdownControllerTest, EndProgramTimerOffNtClosesAndEnds) {
-  for (int period : {6000, 4000}) {
-    SCOPED_TRACE(period);
-    ControllerRig r;
-    std::vector<std::string> closed;
-    r.main.parts.CloseSnmpManager = [&] { closed.push_back("manager"); };
-    r.main.parts.CloseServerSocket = [&] { closed.push_back("server"); };
-    r.main.Load();
-    r.main.Timer6->SetInterval(period);
-    r.AdvanceTo(Ms(period - 1));
-    EXPECT_FALSE(r.fake.ended());
-    EXPECT_TRUE(closed.empty());
-    r.AdvanceTo(Ms(period));
-    EXPECT_TRUE(r.fake.ended());
-    EXPECT_EQ(r.fake.exit_code(), frame::kExitNormal);
-    EXPECT_THAT(closed, ElementsAre("manager", "server"));
-    EXPECT_THAT(r.Log(),
-                ElementsAre("New Start /started", "QueryUnload Program ended"));
-    EXPECT_TRUE(r.fake.starts.empty());
-  }
-}
-
-TEST(ShutdownControllerTest, EndProgramTimerEndsWhenTheServerSocketWontClose) {
-  ProgramRig r;
-  r.program.Load();
-  r.server().fail_close = true;
-  r.main.Timer6->SetInterval(6000);
-  r.AdvanceTo(6s);
-  EXPECT_TRUE(r.fake.ended());
-  EXPECT_EQ(r.Log().back(), "QueryUnload Program ended");
 }
 
 }  // namespace
