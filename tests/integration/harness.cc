@@ -1,135 +1,67 @@
 #include "tests/integration/harness.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "gtest/gtest.h"
+
 namespace kovran::integration {
 
 namespace fs = std::filesystem;
 
-namespace {
+bool WaitUntil(const std::function<bool()>& done, Clock::duration timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (!done()) {
+    if (Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::milliseconds kPollInterval{5};
-
-std::string ReadWholeFile(const fs::path& path) {
+std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
 }
 
-void WriteWholeFile(const fs::path& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-  out.close();
-  if (!out) throw std::runtime_error("cannot write " + path.string());
-}
-
-// Calls `poll` every few milliseconds until it returns true or `timeout`
-// has passed; the result of the last call.
-bool PollUntil(const std::function<bool()>& poll,
-               std::chrono::milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (true) {
-    if (poll()) return true;
-    if (Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(kPollInterval);
+std::string StartLine() {
+  std::istringstream lines(ReadFile(KOVRAN_DIST_DIR "/LANGSE1.TXT"));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("051 ", 0) != 0) continue;
+    line.erase(line.find_last_not_of(" \r") + 1);
+    return "New Start /" + line.substr(4);
   }
+  throw std::runtime_error("the shipped language file has no message 51");
 }
 
-}  // namespace
-
-bool IsLogStamp(std::string_view stamp) {
-  static constexpr std::string_view kPattern = "dd-mm-yyyy--hh:mm:ss..";
-  if (stamp.size() != kPattern.size()) return false;
-  for (std::size_t i = 0; i < kPattern.size(); ++i) {
-    const bool wants_digit =
-        std::isalpha(static_cast<unsigned char>(kPattern[i]));
-    if (wants_digit ? !std::isdigit(static_cast<unsigned char>(stamp[i]))
-                    : stamp[i] != kPattern[i]) {
-      return false;
-    }
-  }
-  const auto number = [&](std::size_t at) {
-    return (stamp[at] - '0') * 10 + (stamp[at + 1] - '0');
-  };
-  return number(0) >= 1 && number(0) <= 31 && number(3) >= 1 &&
-         number(3) <= 12 && number(12) <= 23 && number(15) <= 59 &&
-         number(18) <= 59;
-}
-
-std::string DescribeWaitStatus(std::optional<int> wait_status) {
-  if (!wait_status) return "still running";
-  if (WIFEXITED(*wait_status)) {
-    return "exited with status " + std::to_string(WEXITSTATUS(*wait_status));
-  }
-  if (WIFSIGNALED(*wait_status)) {
-    return "killed by signal " + std::to_string(WTERMSIG(*wait_status));
-  }
-  return "wait status " + std::to_string(*wait_status);
-}
-
-bool WaitUntil(const std::function<bool()>& done,
-               std::chrono::milliseconds timeout) {
-  return PollUntil(done, timeout);
-}
-
-std::optional<long long> TcpStatistic(const std::string& name) {
-  std::istringstream table(ReadWholeFile("/proc/self/net/snmp"));
-  std::string names;
-  std::string values;
+long long TcpStatistic(const std::string& name) {
+  std::istringstream table(ReadFile("/proc/self/net/snmp"));
   // Pairs of lines: "Tcp: Name1 Name2 ..." and "Tcp: value1 value2 ...".
-  while (std::getline(table, names) && std::getline(table, values)) {
+  for (std::string names, values;
+       std::getline(table, names) && std::getline(table, values);) {
     if (names.rfind("Tcp:", 0) != 0) continue;
     std::istringstream name_list(names);
     std::istringstream value_list(values);
-    std::string key;
-    std::string value;
-    while (name_list >> key && value_list >> value) {
-      if (key == name) return std::strtoll(value.c_str(), nullptr, 10);
+    for (std::string key, value; name_list >> key && value_list >> value;) {
+      if (key == name) return std::stoll(value);
     }
   }
-  return std::nullopt;
+  return -1;
 }
 
-std::string DistFile(const std::string& name) {
-  return ReadWholeFile(fs::path(KOVRAN_DIST_DIR) / name);
-}
+// --- Program -----------------------------------------------------------------
 
-std::string LanguageMessage(const std::string& language_file, int number) {
-  std::istringstream lines(language_file);
-  std::string line;
-  while (std::getline(lines, line)) {
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) {
-      line.pop_back();
-    }
-    line.erase(0, std::min(line.find_first_not_of(' '), line.size()));
-    if (line.size() > 4 && std::atoi(line.substr(0, 3).c_str()) == number) {
-      return line.substr(4);
-    }
-  }
-  return "";
-}
-
-// --- ProgramProcess ---------------------------------------------------------
-
-ProgramProcess::ProgramProcess(const std::string& executable,
-                               const std::string& output) {
+Program::Program(const std::string& executable, const std::string& output) {
   const pid_t parent = ::getpid();
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
@@ -144,10 +76,6 @@ ProgramProcess::ProgramProcess(const std::string& executable,
   ::dup2(out, 1);
   ::dup2(out, 2);
   ::close_range(3, ~0u, 0);
-  for (int sig = 1; sig < NSIG; ++sig) ::signal(sig, SIG_DFL);
-  sigset_t none;
-  sigemptyset(&none);
-  ::sigprocmask(SIG_SETMASK, &none, nullptr);
   // The program must find its files beside the executable, not in the
   // working directory.
   if (::chdir("/") != 0) ::_exit(127);
@@ -155,184 +83,144 @@ ProgramProcess::ProgramProcess(const std::string& executable,
   ::_exit(127);
 }
 
-ProgramProcess::~ProgramProcess() {
-  if (!IsRunning()) return;
+Program::~Program() {
+  if (!Running()) return;
   ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+}
+
+bool Program::Running() {
   int status = 0;
-  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  if (!exit_status_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+    exit_status_ =
+        WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
+  return !exit_status_;
 }
 
-bool ProgramProcess::IsRunning() {
-  if (status_) return false;
-  int status = 0;
-  const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-  if (done == pid_) status_ = status;
-  return !status_;
+bool Program::Signal(int sig) { return Running() && ::kill(pid_, sig) == 0; }
+
+int Program::WaitForExit(Clock::duration timeout) {
+  WaitUntil([this] { return !Running(); }, timeout);
+  return exit_status_.value_or(-1);
 }
 
-bool ProgramProcess::Signal(int sig) {
-  return IsRunning() && ::kill(pid_, sig) == 0;
-}
-
-std::optional<int> ProgramProcess::WaitForExit(
-    std::chrono::milliseconds timeout) {
-  PollUntil([this] { return !IsRunning(); }, timeout);
-  return status_;
-}
-
-bool ProgramProcess::WaitUntilCatching(int sig,
-                                       std::chrono::milliseconds timeout) {
+bool Program::WaitUntilCatching(int sig) {
   const std::string status_file = "/proc/" + std::to_string(pid_) + "/status";
-  return PollUntil(
-      [&] {
-        if (!IsRunning()) return false;
-        std::istringstream status(ReadWholeFile(status_file));
-        std::string line;
-        while (std::getline(status, line)) {
-          if (line.rfind("SigCgt:", 0) != 0) continue;
-          const unsigned long long caught =
-              std::strtoull(line.c_str() + 7, nullptr, 16);
-          return ((caught >> (sig - 1)) & 1) != 0;
-        }
-        return false;
-      },
-      timeout);
+  return WaitUntil([&] {
+    std::istringstream status(ReadFile(status_file));
+    for (std::string line; Running() && std::getline(status, line);) {
+      if (line.rfind("SigCgt:", 0) == 0) {
+        return (std::stoull(line.substr(7), nullptr, 16) >> (sig - 1) & 1) != 0;
+      }
+    }
+    return false;
+  });
 }
 
-// --- ProgramFolder ----------------------------------------------------------
+// --- ProgramFolder -----------------------------------------------------------
 
-ProgramFolder::ProgramFolder(bool shipped_files) {
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern =
-      std::string(tmp && *tmp ? tmp : "/tmp") + "/kovran-integration-XXXXXX";
+ProgramFolder::ProgramFolder() {
+  std::string pattern = fs::temp_directory_path() / "kovran-integration-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("mkdtemp failed for " + pattern);
   }
   path_ = pattern;
-  const fs::path program = FilePath("kovran");
-  fs::copy_file(KOVRAN_BINARY, program);
-  fs::permissions(program, fs::perms::owner_all | fs::perms::group_read |
-                               fs::perms::group_exec | fs::perms::others_read |
-                               fs::perms::others_exec);
-  if (!shipped_files) return;
+  fs::copy_file(KOVRAN_BINARY, Path("kovran"));
   for (const char* name : {"upsser.cfg", "LANGSE1.TXT"}) {
-    fs::copy_file(fs::path(KOVRAN_DIST_DIR) / name, FilePath(name));
+    fs::copy_file(fs::path(KOVRAN_DIST_DIR) / name, Path(name));
   }
-  fs::create_directory(FilePath("SERLOGS"));
+  fs::create_directory(Path("SERLOGS"));
 }
 
 ProgramFolder::~ProgramFolder() {
-  program_.reset();
+  programs_.clear();
   std::error_code ignored;
   fs::remove_all(path_, ignored);
 }
 
-std::string ProgramFolder::FilePath(const std::string& name) const {
+std::string ProgramFolder::Path(const std::string& name) const {
   return path_ + "/" + name;
 }
 
-void ProgramFolder::WriteFile(const std::string& name,
-                              const std::string& text) {
-  WriteWholeFile(FilePath(name), text);
+void ProgramFolder::Write(const std::string& name, const std::string& text,
+                          bool executable) {
+  std::ofstream(Path(name), std::ios::binary) << text;
+  if (executable) {
+    fs::permissions(Path(name), fs::perms::owner_exec, fs::perm_options::add);
+  }
 }
 
-void ProgramFolder::WriteExecutable(const std::string& name,
-                                    const std::string& text) {
-  WriteFile(name, text);
-  fs::permissions(FilePath(name), fs::perms::owner_all | fs::perms::group_read |
-                                      fs::perms::group_exec |
-                                      fs::perms::others_read |
-                                      fs::perms::others_exec);
+void ProgramFolder::SetSetting(const std::string& key,
+                               const std::string& value) {
+  std::string text = ReadFile(Path("upsser.cfg"));
+  const auto at = text.find("\n" + key + ":");
+  if (at == std::string::npos) throw std::logic_error("no setting " + key);
+  const auto end = text.find_first_of("\r\n", at + 1);
+  Write("upsser.cfg", text.replace(at + 1, end - at - 1, key + ":" + value));
 }
 
-void ProgramFolder::RemoveFile(const std::string& name) {
-  fs::remove_all(FilePath(name));
+void ProgramFolder::Remove(const std::string& name) {
+  fs::remove_all(Path(name));
 }
 
 bool ProgramFolder::Exists(const std::string& name) const {
-  return fs::exists(FilePath(name));
+  return fs::exists(Path(name));
 }
 
-std::string ProgramFolder::ReadFile(const std::string& name) const {
-  return ReadWholeFile(FilePath(name));
-}
-
-void ProgramFolder::Start() {
-  if (program_) throw std::logic_error("the program was started already");
-  program_ = StartAnother();
-}
-
-std::unique_ptr<ProgramProcess> ProgramFolder::StartAnother() {
+Program& ProgramFolder::Start() {
   const std::string output =
-      FilePath("output-" + std::to_string(++outputs_) + ".txt");
-  return std::make_unique<ProgramProcess>(FilePath("kovran"), output);
+      Path("output-" + std::to_string(programs_.size() + 1) + ".txt");
+  return *programs_.emplace_back(
+      std::make_unique<Program>(Path("kovran"), output));
 }
 
-std::optional<int> ProgramFolder::WaitForExit(
-    std::chrono::milliseconds timeout) {
-  if (!program_) return std::nullopt;
-  return program_->WaitForExit(timeout);
-}
-
-std::vector<std::string> ProgramFolder::RawLogLines() const {
+std::vector<std::string> ProgramFolder::Log(bool stamps) const {
   std::vector<fs::path> files;
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(FilePath("SERLOGS"), error)) {
+  std::error_code missing;
+  for (const auto& entry : fs::directory_iterator(Path("SERLOGS"), missing)) {
     if (entry.path().extension() == ".CLG") files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
   std::vector<std::string> lines;
   for (const auto& file : files) {
-    const std::string text = ReadWholeFile(file);
+    const std::string text = ReadFile(file);
     // Only complete lines: one being written has no CR LF yet.
     for (std::size_t start = 0, end;
          (end = text.find("\r\n", start)) != std::string::npos;
          start = end + 2) {
       lines.push_back(text.substr(start, end - start));
+      if (!stamps) lines.back().erase(0, kStampLength);
     }
   }
   return lines;
 }
 
-std::vector<std::string> ProgramFolder::LogLines() const {
-  std::vector<std::string> lines = RawLogLines();
-  for (auto& line : lines) {
-    line.erase(0, std::min(line.size(), kStampLength));
-  }
-  return lines;
-}
-
-bool ProgramFolder::WaitForLog(
-    const std::function<bool(const std::string&)>& predicate,
-    std::chrono::milliseconds timeout) {
-  const auto found = [&] {
-    const auto lines = LogLines();
-    return std::any_of(lines.begin(), lines.end(), predicate);
-  };
-  PollUntil([&] { return found() || (program_ && !program_->IsRunning()); },
-            timeout);
-  // The program may have written the line just before it ended.
-  return found();
-}
-
 bool ProgramFolder::WaitForLog(const std::string& text,
-                               std::chrono::milliseconds timeout) {
-  return WaitForLog(
-      [&](const std::string& line) {
-        return line.find(text) != std::string::npos;
+                               Clock::duration timeout) {
+  return WaitUntil(
+      [&] {
+        const auto lines = Log();
+        return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
+          return line.find(text) != std::string::npos;
+        });
       },
       timeout);
 }
 
 std::string ProgramFolder::Describe() const {
   std::string text = "program folder " + path_ + "\nlog:\n";
-  for (const auto& line : RawLogLines()) text += "  " + line + "\n";
-  for (int i = 1; i <= outputs_; ++i) {
+  for (const auto& line : Log(/*stamps=*/true)) text += "  " + line + "\n";
+  for (std::size_t i = 1; i <= programs_.size(); ++i) {
     const std::string name = "output-" + std::to_string(i) + ".txt";
-    text += name + ":\n" + ReadFile(name);
+    text += name + ":\n" + ReadFile(Path(name));
   }
   return text;
+}
+
+void ExpectOrderlyEnd(ProgramFolder& folder, Program& program, int sig) {
+  ASSERT_TRUE(program.Signal(sig)) << folder.Describe();
+  EXPECT_EQ(program.WaitForExit(), 0) << folder.Describe();
 }
 
 }  // namespace kovran::integration

@@ -16,20 +16,8 @@
 
 namespace {
 
-bool BringUpLoopback() {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  ifreq request{};
-  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
-  bool up = ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
-  if (up) {
-    request.ifr_flags |= IFF_UP | IFF_RUNNING;
-    up = ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-  }
-  ::close(fd);
-  return up;
-}
-
+// Moves this process into a new network namespace and brings up its
+// loopback interface; says why on stderr when it cannot.
 bool EnterPrivateNetwork() {
   if (::unshare(CLONE_NEWNET) != 0) {
     std::fprintf(stderr,
@@ -39,14 +27,20 @@ bool EnterPrivateNetwork() {
                  std::strerror(errno));
     return false;
   }
-  if (!BringUpLoopback()) {
+  ifreq request{};
+  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  bool up = fd >= 0 && ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
+  request.ifr_flags |= IFF_UP | IFF_RUNNING;
+  up = up && ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+  if (!up) {
     std::fprintf(stderr,
                  "kovran_integration_tests: cannot bring up the loopback "
                  "interface in the private network namespace (%s).\n",
                  std::strerror(errno));
-    return false;
   }
-  return true;
+  if (fd >= 0) ::close(fd);
+  return up;
 }
 
 }  // namespace
