@@ -6,10 +6,9 @@
 // ever say "not before"; waiting for something to happen has a generous
 // deadline. Virtual time is exact, and the same checks demand exactness.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -17,7 +16,9 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/fake_platform.h"
@@ -31,475 +32,268 @@ using namespace std::chrono_literals;
 using Duration = std::chrono::nanoseconds;
 using Ms = std::chrono::milliseconds;
 
-constexpr Duration kDeadline = 5s;
-
-class FakeDriver {
- public:
+struct FakeDriver {
   static constexpr bool kVirtualTime = true;
-
-  FakeDriver() { fake_.folders.insert(folder_); }
-  Platform& platform() { return fake_; }
-  const std::string& Folder() const { return folder_; }
-  Duration Now() const { return fake_.Now(); }
-  void Pass(Duration d) { fake_.Advance(d); }
-  // Inside a handler: virtual time moves only in Advance, so a handler that
-  // takes a while is one that advances the clock itself.
-  void Work(Duration d) { fake_.Advance(d); }
-  bool RunUntil(const std::function<bool()>& done) {
-    const Duration end = fake_.Now() + kDeadline;
-    while (!done() && fake_.Now() < end) fake_.Advance(1ms);
-    return done();
-  }
-  void RequestClose(int /*signal*/) { fake_.RequestClose(); }
-
- private:
-  FakePlatform fake_;
-  std::string folder_ = "/data";
+  void Pass(Duration d) { p.Advance(d); }
+  // Virtual time moves only in Advance, so a handler that takes a while is
+  // one that advances the clock itself.
+  void Work(Duration d) { p.Advance(d); }
+  void RequestClose(int /*signal*/) { p.RequestClose(); }
+  FakePlatform p;
+  std::string folder = p.program_folder;  // exists from the start
 };
 
-class RealDriver {
- public:
+struct RealDriver {
   static constexpr bool kVirtualTime = false;
   using Clock = std::chrono::steady_clock;
-
   RealDriver() {
-    std::string name = (fs::temp_directory_path() / "kovran-XXXXXX").string();
-    if (::mkdtemp(name.data()) != nullptr) folder_ = name;
+    if (::mkdtemp(folder.data()) == nullptr) folder.clear();
   }
   ~RealDriver() {
     std::error_code ignored;
-    if (!folder_.empty()) fs::remove_all(folder_, ignored);
+    fs::remove_all(folder, ignored);
   }
-  Platform& platform() { return real_; }
-  const std::string& Folder() const { return folder_; }
-  Duration Now() const { return Clock::now() - epoch_; }
-  void Pass(Duration d) { real_.RunFor(std::chrono::ceil<Ms>(d)); }
-  // Inside a handler: keeps the event thread busy, as slow work would.
+  void Pass(Duration d) { p.RunFor(std::chrono::ceil<Ms>(d)); }
+  // Keeps the event thread busy, as slow work in a handler would.
   void Work(Duration d) {
-    const auto end = Clock::now() + d;
-    while (Clock::now() < end) {
-    }
-  }
-  bool RunUntil(const std::function<bool()>& done) {
-    const auto end = Clock::now() + kDeadline;
-    while (!done() && Clock::now() < end) real_.RunFor(5ms);
-    return done();
+    for (auto end = Clock::now() + d; Clock::now() < end;) continue;
   }
   void RequestClose(int signal) { ::raise(signal); }
-
- private:
-  PosixPlatform real_{/*exit_process=*/false};
-  Clock::time_point epoch_ = Clock::now();
-  std::string folder_;
+  PosixPlatform p{/*exit_process=*/false};
+  std::string folder = (fs::temp_directory_path() / "kovran-XXXXXX").string();
 };
+
+// Runs the loop until `done`, for at least 5 s of either kind of time.
+template <typename Driver>
+bool RunUntil(Driver& d, const std::function<bool()>& done) {
+  for (int i = 0; i < 5000 && !done(); ++i) d.Pass(1ms);
+  return done();
+}
 
 template <typename Driver>
 class PlatformContractTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_FALSE(driver_.Folder().empty()); }
-
-  Platform& platform() { return driver_.platform(); }
-  Duration Now() { return driver_.Now(); }
-
+  // The platform's own steady clock, which must keep pace with its timers.
+  Duration Now() {
+    return std::chrono::round<Duration>(
+        std::chrono::duration<double>(d_.p.SteadySeconds()));
+  }
   // A timer that stamps each expiry into `at`, then calls `also`.
   std::unique_ptr<Timer> StampingTimer(std::vector<Duration>& at,
                                        std::function<void()> also = {}) {
-    return platform().NewTimer([this, &at, also] {
-      at.push_back(driver_.Now());
+    return d_.p.NewTimer([this, &at, also] {
+      at.push_back(Now());
       if (also) also();
     });
   }
-
-  // Runs until expiry number `i` (from 0) has come and checks it came at
-  // `due`.
+  // Waits for expiry number `i` (from 0) and checks it came at `due`.
   void ExpectFireAt(const std::vector<Duration>& at, std::size_t i,
                     Duration due) {
-    ASSERT_TRUE(driver_.RunUntil([&] { return at.size() > i; }))
-        << "expiry " << i << " never came";
-    if constexpr (Driver::kVirtualTime) {
-      EXPECT_EQ(at[i], due) << "expiry " << i;
-    } else {
-      EXPECT_GE(at[i], due) << "expiry " << i << " came early";
-    }
+    ASSERT_TRUE(RunUntil(d_, [&] { return at.size() > i; })) << "expiry " << i;
+    EXPECT_TRUE(Driver::kVirtualTime ? at[i] == due : at[i] >= due)
+        << "expiry " << i << " at " << at[i] / 1us << " us, due " << due / 1us;
   }
 
-  Driver driver_;
+  Driver d_;
 };
 
-struct DriverNames {
-  template <typename Driver>
-  static std::string GetName(int) {
-    return Driver::kVirtualTime ? "Fake" : "Posix";
-  }
-};
 using Drivers = ::testing::Types<FakeDriver, RealDriver>;
-TYPED_TEST_SUITE(PlatformContractTest, Drivers, DriverNames);
+TYPED_TEST_SUITE(PlatformContractTest, Drivers);
 
-TYPED_TEST(PlatformContractTest, InactiveTimersNeverFire) {
-  int fired = 0;
-  auto fresh = this->platform().NewTimer([&] { ++fired; });
-  EXPECT_TRUE(fresh->Enabled());
-  EXPECT_EQ(fresh->Interval(), 0);
-  fresh->SetEnabled(true);
-  // 0 and below switch a running timer off; the largest period is 24 days.
-  std::vector<std::unique_ptr<Timer>> timers;
-  for (int32_t ms : {0, -1, INT32_MIN, INT32_MAX}) {
-    timers.push_back(this->platform().NewTimer([&] { ++fired; }));
-    timers.back()->SetInterval(20);
-    timers.back()->SetInterval(ms);
-    EXPECT_EQ(timers.back()->Interval(), ms);
+TYPED_TEST(PlatformContractTest, TimerCountsFromItsLastSetting) {
+  // Each case sets 150 ms on a new timer, applies `change` 30 ms later and
+  // expects expiries every `period` ms from the start or from the end of the
+  // change; period 0: none at all.
+  std::unique_ptr<Timer> poke;
+  auto set = [](int32_t ms) { return [ms](Timer& t) { t.SetInterval(ms); }; };
+  const struct {
+    const char* name;
+    std::function<void(Timer&)> change;
+    bool from_start;
+    int period;
+  } cases[] = {
+      {"untouched", [](Timer&) {}, true, 150},
+      {"same interval", set(150), false, 150},
+      {"new interval", set(100), false, 100},
+      {"0", set(0), false, 0},
+      {"-1", set(-1), false, 0},
+      {"24 days", set(INT32_MAX), false, 0},
+      {"disabled, enabled later",
+       [this](Timer& t) {
+         t.SetEnabled(false);
+         this->d_.Pass(200ms);
+         t.SetEnabled(true);
+       },
+       false, 150},
+      // Were the count restarted, the poking would keep the timer silent.
+      {"enabled again and again",
+       [&](Timer& t) {
+         poke = this->d_.p.NewTimer([&t] { t.SetEnabled(true); });
+         poke->SetInterval(10);
+       },
+       true, 150},
+  };
+  auto fresh = this->d_.p.NewTimer([] { ADD_FAILURE() << "never set, fired"; });
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<Duration> at;
+    auto timer = this->StampingTimer(at);
+    const Duration start = this->Now();
+    timer->SetInterval(150);
+    this->d_.Pass(30ms);
+    c.change(*timer);
+    const Duration base = c.from_start ? start : this->Now();
+    if (c.period == 0) this->d_.Pass(200ms);
+    EXPECT_TRUE(c.period > 0 || at.empty());
+    for (int k = 0; k < 2 && c.period > 0; ++k) {
+      this->ExpectFireAt(at, k, base + 1ms * (k + 1) * c.period);
+    }
+    poke.reset();
   }
-  this->driver_.Pass(150ms);
-  EXPECT_EQ(fired, 0);
 }
 
-TYPED_TEST(PlatformContractTest, FiresEveryPeriodOnItsCadence) {
-  std::vector<Duration> at;
-  auto timer = this->StampingTimer(at);
-  const Duration start = this->Now();
-  timer->SetInterval(40);
-  for (int i = 0; i < 5; ++i) this->ExpectFireAt(at, i, start + (i + 1) * 40ms);
-}
-
-TYPED_TEST(PlatformContractTest,
-           SetIntervalRestartsTheCountEvenWithTheSameValue) {
-  std::vector<Duration> at;
-  auto timer = this->StampingTimer(at);
-  timer->SetInterval(100);
-  for (int32_t ms : {100, 150}) {
-    this->driver_.Pass(60ms);
-    const std::size_t next = at.size();
-    const Duration set_at = this->Now();
-    timer->SetInterval(ms);
-    this->ExpectFireAt(at, next, set_at + Ms(ms));
-  }
-}
-
-TYPED_TEST(PlatformContractTest, DisablingDropsTheExpiryAndEnablingRestarts) {
-  std::vector<Duration> at;
-  auto timer = this->StampingTimer(at);
-  timer->SetInterval(100);
-  this->driver_.Pass(60ms);
-  timer->SetEnabled(false);
-  EXPECT_FALSE(timer->Enabled());
-  const std::size_t next = at.size();
-  this->driver_.Pass(150ms);
-  EXPECT_EQ(at.size(), next);
-  const Duration enabled_at = this->Now();
-  timer->SetEnabled(true);
-  this->ExpectFireAt(at, next, enabled_at + 100ms);
-}
-
-TYPED_TEST(PlatformContractTest, EnablingAnEnabledTimerKeepsItsCount) {
-  // Were the count restarted, the poking would keep the timer from firing.
-  std::vector<Duration> at;
-  auto timer = this->StampingTimer(at);
-  auto poke = this->platform().NewTimer([&] { timer->SetEnabled(true); });
-  poke->SetInterval(20);
-  const Duration start = this->Now();
-  timer->SetInterval(100);
-  this->ExpectFireAt(at, 0, start + 100ms);
-}
-
-TYPED_TEST(PlatformContractTest, HandlerSettingItsIntervalCountsFromThere) {
-  std::vector<Duration> at;
-  Duration set_at{};
-  std::unique_ptr<Timer> timer;
-  timer = this->StampingTimer(at, [&] {
-    if (at.size() > 1) return;
-    set_at = this->Now();
-    timer->SetInterval(120);
-  });
-  const Duration start = this->Now();
-  timer->SetInterval(50);
-  this->ExpectFireAt(at, 0, start + 50ms);
-  this->ExpectFireAt(at, 1, set_at + 120ms);
-  this->ExpectFireAt(at, 2, set_at + 240ms);
-}
-
-TYPED_TEST(PlatformContractTest, ExpiriesMissedWhileBusyFireOnceNotAsABurst) {
+TYPED_TEST(PlatformContractTest, BusyHandlerNeverNestsAndWhatCameDueRunsOnce) {
+  Platform& p = this->d_.p;
   std::vector<Duration> at;
   Duration done_at{};
-  auto timer = this->StampingTimer(at, [&] {
-    if (at.size() > 1) return;
-    this->driver_.Work(175ms);  // three periods come due meanwhile
-    done_at = this->Now();
+  int depth = 0, others = 0, fired[4] = {};
+  bool nested = false, posted = false, ran_in_yield = false;
+  std::unique_ptr<Timer> timer, pairs[4];
+  auto other = p.NewTimer([&] { ++others; });
+  timer = this->StampingTimer(at, [&] {
+    nested = nested || depth++ > 0;
+    if (at.size() <= 2) timer->SetInterval(120);  // counts from here
+    if (at.size() == 2) {  // its own expiry and the others come due
+      const int others_before = others;
+      this->d_.Work(300ms);
+      p.Post([&] { posted = true; });
+      p.Yield();
+      ran_in_yield = posted && others > others_before;
+      done_at = this->Now();
+    }
+    if (at.size() == 4) timer.reset();  // destroyed in its own handler
+    --depth;
   });
   const Duration start = this->Now();
   timer->SetInterval(50);
-  this->ExpectFireAt(at, 0, start + 50ms);
-  this->ExpectFireAt(at, 1, done_at);
-  this->ExpectFireAt(at, 2, done_at + 50ms);
-}
-
-TYPED_TEST(PlatformContractTest, YieldRunsPendingEventsButNeverTheOwnExpiry) {
-  std::vector<Duration> at;
-  int depth = 0, deepest = 0, others = 0;
-  bool posted = false, posted_in_yield = false, other_in_yield = false;
-  std::unique_ptr<Timer> timer;
-  timer = this->StampingTimer(at, [&] {
-    deepest = std::max(deepest, ++depth);
-    if (at.size() == 1) {
-      const int others_before = others;
-      timer->SetInterval(10);    // re-set while busy: still never nested
-      this->driver_.Work(40ms);  // the own next expiry and `other` come due
-      this->platform().Post([&] { posted = true; });
-      this->platform().Yield();
-      posted_in_yield = posted;
-      other_in_yield = others > others_before;
-    }
-    --depth;
-  });
-  auto other = this->platform().NewTimer([&] { ++others; });
-  timer->SetInterval(10);
   other->SetInterval(20);
-  ASSERT_TRUE(this->driver_.RunUntil([&] { return at.size() >= 3; }));
-  EXPECT_EQ(deepest, 1);
-  EXPECT_TRUE(posted_in_yield);
-  EXPECT_TRUE(other_in_yield);
+  // Two pairs come due together while `timer` is busy; in each, the first
+  // to fire destroys or disables its partner, whose expiry already waits.
+  for (int i = 0; i < 4; ++i) {
+    pairs[i] = p.NewTimer([&, i] {
+      if (fired[i]++ > 0 || fired[i ^ 1] > 0) return;
+      i < 2 ? pairs[i ^ 1].reset() : pairs[i ^ 1]->SetEnabled(false);
+    });
+    pairs[i]->SetInterval(300);
+  }
+  ASSERT_NO_FATAL_FAILURE(this->ExpectFireAt(at, 0, start + 50ms));
+  this->ExpectFireAt(at, 1, at[0] + 120ms);
+  this->ExpectFireAt(at, 2, done_at);  // once, not as a burst
+  this->ExpectFireAt(at, 3, done_at + 120ms);
+  this->d_.Pass(300ms);
+  EXPECT_EQ(at.size(), 4u);
+  EXPECT_FALSE(nested);
+  EXPECT_TRUE(ran_in_yield);
+  for (int i : {0, 2}) EXPECT_NE(fired[i] > 0, fired[i + 1] > 0) << i;
 }
 
-TYPED_TEST(PlatformContractTest, PostedTasksRunAfterTheHandlerInPostingOrder) {
+TYPED_TEST(PlatformContractTest, EventsRunAfterTheirCallInOrderUntilEndNow) {
+  Platform& p = this->d_.p;
   std::vector<std::string> log;
-  Platform& p = this->platform();
-  p.Post([&] { log.push_back("outside"); });
-  EXPECT_TRUE(log.empty());
-  ASSERT_TRUE(this->driver_.RunUntil([&] { return !log.empty(); }));
-
-  std::unique_ptr<Timer> timer;
-  timer = p.NewTimer([&] {
-    timer->SetInterval(0);
+  auto note = [&log](std::string s) { return [&log, s] { log.push_back(s); }; };
+  p.SetCloseHandler(note("close"));
+  this->d_.RequestClose(SIGTERM);
+  this->d_.RequestClose(SIGINT);
+  p.Post(note("posted"));
+  EXPECT_TRUE(log.empty()) << "ran inside the call";
+  ASSERT_TRUE(RunUntil(this->d_, [&] { return log.size() == 3; }));
+  log.clear();
+  // The close handler decides how to end; the platform goes on.
+  auto timer = p.NewTimer([&] {
     log.push_back("handler");
+    p.Post(note("first"));
     p.Post([&] {
-      log.push_back("first");
-      p.Post([&] { log.push_back("third"); });
+      log.push_back("second");
+      p.Post(note("after the end"));
+      p.EndNow(3);
+      p.Yield();
     });
-    p.Post([&] { log.push_back("second"); });
     log.push_back("handler end");
   });
+  auto other = p.NewTimer(note("other"));
   timer->SetInterval(10);
-  ASSERT_TRUE(this->driver_.RunUntil([&] { return log.size() >= 6; }));
-  EXPECT_EQ(log, (std::vector<std::string>{"outside", "handler", "handler end",
-                                           "first", "second", "third"}));
+  other->SetInterval(TypeParam::kVirtualTime ? 10 : 200);  // fake: at the end
+  ASSERT_TRUE(RunUntil(this->d_, [&] { return log.size() >= 4; }));
+  p.Post(note("late"));
+  this->d_.Pass(300ms);
+  EXPECT_EQ(log, (std::vector<std::string>{"handler", "handler end", "first",
+                                           "second"}));
 }
 
-TYPED_TEST(PlatformContractTest, DestroyedOrStoppedTimerNeverFiresAgain) {
-  // Two timers come due together while `slow` keeps the thread busy; the
-  // first to fire stops the other, whose expiry is then already waiting.
-  const std::function<void(std::unique_ptr<Timer>&)> stops[] = {
-      [](auto& t) { t.reset(); },
-      [](auto& t) { t->SetEnabled(false); },
-      [](auto& t) { t->SetInterval(0); },
-  };
-  for (const auto& stop : stops) {
-    int fired[2] = {0, 0};
-    std::unique_ptr<Timer> slow, pair[2];
-    slow = this->platform().NewTimer([&] {
-      slow->SetInterval(0);
-      this->driver_.Work(40ms);
-    });
-    for (int i : {0, 1}) {
-      pair[i] = this->platform().NewTimer([&, i] {
-        if (fired[i]++ == 0 && fired[1 - i] == 0) stop(pair[1 - i]);
-      });
-    }
-    slow->SetInterval(5);
-    for (auto& timer : pair) timer->SetInterval(10);
-    ASSERT_TRUE(this->driver_.RunUntil([&] { return fired[0] + fired[1]; }));
-    this->driver_.Pass(100ms);
-    EXPECT_NE(fired[0] > 0, fired[1] > 0) << fired[0] << " and " << fired[1];
-  }
-
-  // A timer destroyed inside its own handler.
-  int fired = 0;
-  std::unique_ptr<Timer> self;
-  self = this->platform().NewTimer([&] {
-    ++fired;
-    self.reset();
-  });
-  self->SetInterval(10);
-  ASSERT_TRUE(this->driver_.RunUntil([&] { return fired > 0; }));
-  this->driver_.Pass(100ms);
-  EXPECT_EQ(fired, 1);
-}
-
-TYPED_TEST(PlatformContractTest, EndNowStopsEveryFurtherHandler) {
-  Platform& p = this->platform();
-  int ending = 0, posted = 0, others = 0;
-  auto other = p.NewTimer([&] { ++others; });
-  auto ender = p.NewTimer([&] {
-    ++ending;
-    p.Post([&] { ++posted; });
-    p.EndNow(3);
-    p.Yield();
-  });
-  ender->SetInterval(10);
-  other->SetInterval(30);
-  ASSERT_TRUE(this->driver_.RunUntil([&] { return ending > 0; }));
-  p.Post([&] { ++posted; });
-  this->driver_.Pass(100ms);
-  this->driver_.Pass(100ms);
-  EXPECT_EQ(ending, 1);
-  EXPECT_EQ(posted, 0);
-  EXPECT_EQ(others, 0);
-}
-
-TYPED_TEST(PlatformContractTest, CloseRequestsReachTheHandlerAsEvents) {
-  int closes = 0;
-  this->platform().SetCloseHandler([&] { ++closes; });
-  for (int signal : {SIGTERM, SIGINT}) {
-    const int before = closes;
-    this->driver_.RequestClose(signal);
-    EXPECT_EQ(closes, before) << "ran inside the request";
-    EXPECT_TRUE(this->driver_.RunUntil([&] { return closes > before; }));
-  }
-  // The platform itself does nothing more: the program goes on.
-  std::vector<Duration> at;
-  auto timer = this->StampingTimer(at);
-  const Duration start = this->Now();
-  timer->SetInterval(10);
-  this->ExpectFireAt(at, 0, start + 10ms);
-}
-
-TYPED_TEST(PlatformContractTest, SteadyClockKeepsPaceWithTheTimers) {
-  // Periods measured on the steady clock must not come out shorter than
-  // the timers that drive them.
-  Platform& p = this->platform();
-  const double start = p.SteadySeconds();
-  double fired_at = start;
-  auto timer = p.NewTimer([&] { fired_at = p.SteadySeconds(); });
-  timer->SetInterval(100);
-  ASSERT_TRUE(this->driver_.RunUntil([&] { return fired_at != start; }));
-  if constexpr (TypeParam::kVirtualTime) {
-    EXPECT_NEAR(fired_at - start, 0.1, 1e-9);
-  } else {
-    EXPECT_GE(fired_at - start, 0.1 - 1e-9);
-  }
-  const double seconds = p.SecondsSinceMidnight();
-  EXPECT_TRUE(seconds >= 0 && seconds < 86400) << seconds;
-}
-
-TYPED_TEST(PlatformContractTest, FilesAppendWriteAndReadBackByteForByte) {
-  Platform& p = this->platform();
-  const std::string file = this->driver_.Folder() + "/log.txt";
+TYPED_TEST(PlatformContractTest, FilesAreMadeOnlyInExistingFolders) {
+  Platform& p = this->d_.p;
+  const std::string folder = this->d_.folder, file = folder + "/log.txt";
   const std::string binary("t\0o\r\n\xff", 6);
-  EXPECT_FALSE(p.CanOpenForReading(file));
-  EXPECT_EQ(p.ReadFile(file), std::nullopt);
-  ASSERT_TRUE(p.AppendToFile(file, "one\r\n"));  // creates the file
-  ASSERT_TRUE(p.AppendToFile(file, binary));
-  EXPECT_EQ(p.ReadFile(file), "one\r\n" + binary);
-  EXPECT_TRUE(p.CanOpenForReading(file));
-  ASSERT_TRUE(p.WriteFile(file, "x"));  // truncates
-  EXPECT_EQ(p.ReadFile(file), "x");
-  ASSERT_TRUE(p.WriteFile(file, ""));  // an empty file is still there
-  EXPECT_EQ(p.ReadFile(file), "");
-  EXPECT_TRUE(p.CanOpenForReading(file));
-}
-
-TYPED_TEST(PlatformContractTest, FilesNeedAnExistingFolderAndAreNoFolders) {
-  Platform& p = this->platform();
-  const std::string folder = this->driver_.Folder();
-  for (const std::string& path :
-       {folder + "/missing/a.log", folder + "/missing/deeper/a.log"}) {
+  // One file step by step, and what it reads back after each (nothing: it
+  // cannot be opened).
+  const std::pair<std::function<bool()>, std::optional<std::string>> steps[] = {
+      {[] { return false; }, std::nullopt},
+      {[&] { return p.AppendToFile(file, "one\r\n"); }, "one\r\n"},
+      {[&] { return p.AppendToFile(file, binary); }, "one\r\n" + binary},
+      {[&] { return p.WriteFile(file, "x"); }, "x"},
+      {[&] { return p.WriteFile(file, ""); }, ""},
+  };
+  for (const auto& [step, after] : steps) {
+    EXPECT_EQ(step(), after.has_value());
+    EXPECT_EQ(p.ReadFile(file), after);
+    EXPECT_EQ(p.CanOpenForReading(file), after.has_value());
+  }
+  // No folder is ever created, and a folder is no file.
+  for (const std::string& path : {folder + "/missing/a.log", folder}) {
     EXPECT_FALSE(p.AppendToFile(path, "x")) << path;
     EXPECT_FALSE(p.WriteFile(path, "x")) << path;
     EXPECT_FALSE(p.CanOpenForReading(path)) << path;
+    EXPECT_EQ(p.ReadFile(path), std::nullopt) << path;
   }
-  EXPECT_FALSE(p.CanOpenForReading(folder + "/missing"));  // not created
-  // A folder is not a file to read or write.
-  EXPECT_EQ(p.ReadFile(folder), std::nullopt);
-  EXPECT_FALSE(p.CanOpenForReading(folder));
-  EXPECT_FALSE(p.AppendToFile(folder, "x"));
-}
-
-TYPED_TEST(PlatformContractTest, ReadFileRefusesFilesAboveTheLimit) {
-  Platform& p = this->platform();
-  const std::string file = this->driver_.Folder() + "/big";
   ASSERT_TRUE(p.WriteFile(file, std::string(kMaxReadFileBytes, 'x')));
-  const auto at_limit = p.ReadFile(file);
-  ASSERT_TRUE(at_limit.has_value());
-  EXPECT_EQ(at_limit->size(), kMaxReadFileBytes);
+  EXPECT_EQ(p.ReadFile(file).value_or("").size(), kMaxReadFileBytes);
   ASSERT_TRUE(p.AppendToFile(file, "x"));
-  EXPECT_FALSE(p.ReadFile(file).has_value());
-  EXPECT_TRUE(p.CanOpenForReading(file));
+  EXPECT_EQ(p.ReadFile(file), std::nullopt) << "above the limit";
 }
 
 // ---- The real platform only ----
 
-class PosixPlatformContractTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_FALSE(folder_.empty()); }
-
-  // Writes `text` to `name` in the test folder with the permission `mode`.
-  std::string MakeFile(const std::string& name, const std::string& text,
-                       fs::perms mode) {
-    const std::string path = folder_ + "/" + name;
-    std::ofstream(path) << text;
-    fs::permissions(path, mode);
-    return path;
+TEST(PosixPlatformContractTest, StartProcessRunsExecutableFilesWithoutWaiting) {
+  RealDriver d;
+  ASSERT_FALSE(d.folder.empty());
+  // The runnable script leaves its mark half a second after it started.
+  const std::string run = d.folder + "/run.sh", plain = d.folder + "/plain.sh";
+  std::ofstream(run) << "#!/bin/sh\nsleep 0.5\ntouch \"$0.ran\"\n";
+  std::ofstream(plain) << "#!/bin/sh\n";
+  fs::permissions(run, fs::perms::owner_all);
+  for (const auto& path : {d.folder + "/missing.sh", plain, d.folder}) {
+    EXPECT_FALSE(d.p.StartProcess(path, kWindowHidden)) << path;
   }
-
-  RealDriver driver_;
-  Platform& platform_ = driver_.platform();
-  const std::string folder_ = driver_.Folder();
-};
-
-TEST_F(PosixPlatformContractTest, StartProcessFailsForWhatCannotRun) {
-  const std::string cannot_run[] = {
-      folder_ + "/missing.sh",
-      MakeFile("plain.sh", "#!/bin/sh\n",
-               fs::perms::owner_read | fs::perms::owner_write),
-      folder_,
-  };
-  for (const std::string& path : cannot_run) {
-    EXPECT_FALSE(platform_.StartProcess(path, kWindowHidden)) << path;
-  }
+  ASSERT_TRUE(d.p.StartProcess(run, kWindowNormalFocus));
+  EXPECT_FALSE(fs::exists(run + ".ran")) << "waited for the process";
+  EXPECT_TRUE(RunUntil(d, [&] { return fs::exists(run + ".ran"); }));
 }
 
-TEST_F(PosixPlatformContractTest, StartProcessRunsTheFileWithoutWaitingForIt) {
-  // The script waits (at most about 10 s) for a gate the test opens only
-  // after StartProcess has returned, then leaves its mark.
-  const std::string gate = folder_ + "/gate", marker = folder_ + "/marker";
-  constexpr char kScript[] =
-      "#!/bin/sh\n"
-      "cd \"$(dirname \"$0\")\" || exit 1\n"
-      "i=0\n"
-      "while [ ! -e gate ] && [ $i -lt 1000 ]; do sleep 0.01; i=$((i+1)); "
-      "done\n"
-      "[ -e gate ] && touch marker\n";
-  const std::string script = MakeFile("run.sh", kScript, fs::perms::owner_all);
-  ASSERT_TRUE(platform_.StartProcess(script, kWindowNormalFocus));
-  EXPECT_FALSE(fs::exists(marker));
-  std::ofstream{gate};
-  EXPECT_TRUE(driver_.RunUntil([&] { return fs::exists(marker); }));
-}
-
-TEST_F(PosixPlatformContractTest, ProgramFolderIsTheFolderOfTheRunningBinary) {
+TEST(PosixPlatformContractTest,
+     ProgramFolderAndSingleCopyFollowTheRunningBinary) {
+  PosixPlatform p(/*exit_process=*/false);
   const fs::path binary = fs::canonical(program_invocation_name);
-  EXPECT_EQ(platform_.ProgramFolder(), binary.parent_path().string());
-}
-
-TEST_F(PosixPlatformContractTest, AnotherInstanceIsACopyOfTheSameBinary) {
-  EXPECT_FALSE(platform_.AnotherInstanceRunning());
-  EXPECT_FALSE(platform_.AnotherInstanceRunning());  // never finds itself
+  EXPECT_EQ(p.ProgramFolder(), binary.parent_path().string());
+  EXPECT_FALSE(p.AnotherInstanceRunning());
+  EXPECT_FALSE(p.AnotherInstanceRunning());  // never finds itself
   // A second copy of this binary, started while this one runs, finds it.
-  int report[2];
-  ASSERT_EQ(::pipe(report), 0);
+  std::signal(SIGCHLD, SIG_DFL);  // to learn its answer
   const pid_t pid = ::fork();
   ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    ::close(report[0]);
-    PosixPlatform copy(/*exit_process=*/false);
-    const char answer = copy.AnotherInstanceRunning() ? 'y' : 'n';
-    if (::write(report[1], &answer, 1) != 1) ::_exit(1);
-    ::_exit(0);
-  }
-  ::close(report[1]);
-  char answer = '?';
-  while (::read(report[0], &answer, 1) < 0 && errno == EINTR) {
-  }
-  ::close(report[0]);
-  EXPECT_EQ(answer, 'y');
+  if (pid == 0) ::_exit(PosixPlatform(false).AnotherInstanceRunning() ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace
