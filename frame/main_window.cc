@@ -165,7 +165,7 @@ void MainWindow::StartAllClearTimer() {
 }
 
 bool MainWindow::SnmpMode() const {
-  return state.SETTINGS[CONNECTION].compare(0, 4, "SNMP") == 0;
+  return state.SETTINGS[CONNECTION].starts_with("SNMP");
 }
 
 void MainWindow::UnloadMainWindow() {

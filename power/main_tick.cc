@@ -10,10 +10,6 @@ int32_t Milliseconds(double seconds) {
   return static_cast<int32_t>(frame::RoundHalfEven(seconds * 1000));
 }
 
-bool BeginsWith(const std::string& text, const char* prefix) {
-  return text.rfind(prefix, 0) == 0;
-}
-
 }  // namespace
 
 double PollingSeconds(const std::string& POLLINGTIME) {
@@ -93,7 +89,7 @@ void MainTick::LookForAnswer() {
   main_.Timer2->SetEnabled(false);
   s_.STATUSTEXT = s_.Message(32);
   if (V1.empty() || V2.empty()) return Tail();
-  if (BeginsWith(V1, "3XX&") || BeginsWith(V1, "USE&")) return Notice(V1);
+  if (V1.starts_with("3XX&") || V1.starts_with("USE&")) return Notice(V1);
   main_.parts.PowerEvaluation(V1, V2);
   Tail();
 }
@@ -101,7 +97,7 @@ void MainTick::LookForAnswer() {
 void MainTick::Notice(const std::string& V1) {
   s_.DETAILTEXT = V1.substr(4);
   s_.POLLPHASE = 0;
-  if (BeginsWith(V1, "3XX&")) s_.COMMOK = 0;
+  if (V1.starts_with("3XX&")) s_.COMMOK = 0;
   if (V1 != s_.LASTSNMPTEXT) {
     s_.LASTSNMPTEXT = V1;
     main_.parts.PENCEREKUR();

@@ -10,10 +10,6 @@ namespace {
 
 constexpr const char* kRequestCode = "DRY1";
 
-bool BeginsWith(const std::string& text, const char* prefix) {
-  return text.rfind(prefix, 0) == 0;
-}
-
 // The shortest countdown a power failure is given: with 3 s or less left the
 // countdown reaches its final phase at its first tick, even a late one.
 constexpr int16_t kShortestCountdown = 3;
@@ -100,7 +96,7 @@ void ServerLink::Winsock1_DataArrival() {
     return;
   }
   s_.REPLYTEXT = winsock1_->ReadAll();
-  if (BeginsWith(s_.REPLYTEXT, "USE&")) {
+  if (s_.REPLYTEXT.starts_with("USE&")) {
     // The detail shown is the server's own text behind "USE&", up to the end
     // of its line. The connection stays open; the next attempt closes it.
     s_.DETAILTEXT = s_.REPLYTEXT.substr(4, s_.REPLYTEXT.find("\r\n") - 4);
@@ -112,7 +108,7 @@ void ServerLink::Winsock1_DataArrival() {
   if (line_end != std::string::npos) s_.REPLYTEXT.resize(line_end);
   winsock1_->Close();
   s_.COMMOK = 1;
-  if (!BeginsWith(s_.REPLYTEXT, "#")) {
+  if (!s_.REPLYTEXT.starts_with("#")) {
     // The reply watchdog stays armed and marks the link 10 in its time.
     s_.LINKSTATE = kReplyHandled;
     s_.STATUSTEXT = s_.Message(33);
