@@ -88,8 +88,8 @@ class Platform {
   virtual void EndNow(int exit_code) = 0;
 
   // Called when the platform closes the program from outside (log-off,
-  // system shutdown; SIGTERM or SIGINT on POSIX). The handler decides how to
-  // end; the platform does nothing else.
+  // system shutdown; SIGTERM, SIGINT or SIGHUP on POSIX). The handler decides
+  // how to end; the platform does nothing else.
   virtual void SetCloseHandler(std::function<void()> on_close) = 0;
 
   // ---- Clocks ----

@@ -87,7 +87,7 @@ struct PosixPlatform::Impl {
   asio::executor_work_guard<asio::io_context::executor_type> work{
       io.get_executor()};
   Clock::time_point epoch = Clock::now();
-  asio::signal_set signals{io, SIGTERM, SIGINT};
+  asio::signal_set signals{io, SIGTERM, SIGINT, SIGHUP};
   std::function<void()> on_close;
   std::function<void(int)> on_service;
   bool ended = false;

@@ -33,7 +33,6 @@ void ShutdownController::SAYMASIFIR() {
 
 void ShutdownController::PENCEREKUR() {
   SAYMASIFIR();
-  showing_seconds_ = false;
   main_.Timer3->SetEnabled(true);
   main_.Timer3->SetInterval(1000);
   ACIL();
@@ -50,25 +49,27 @@ int32_t ShutdownController::ElapsedSeconds() {
   return static_cast<int32_t>(std::floor(start_fraction_ + since));
 }
 
-// A countdown that has been showing its seconds and is found past its end
-// (its ticks were held up over its last seconds, by a long poll for
-// instance) has run out: the UPS is on battery, so it goes to the final
-// phase. A countdown that never showed seconds (restarted by a notice with
-// no length set, DELAYSECONDS 0) does not; once the flag is set, ticks past
-// the end change nothing.
+// A countdown needs a length: one restarted by a notice while DELAYSECONDS
+// is still 0 (no power failure has given it one) never reaches the final
+// phase, whatever SAYMASIFIR does to its start meanwhile; a busy or
+// self-testing UPS is no reason to switch the PC off. Every power failure
+// gives a length of at least 3 s. A countdown found past its end (its ticks
+// were held up over its last seconds, by a long poll for instance) has run
+// out: the UPS is on battery, so it goes to the final phase. Once the flag is
+// set, ticks past the end change nothing.
 void ShutdownController::Timer3_Timer() {
   if (frame::NumericValue(s_.SETTINGS[frame::ENABLESHUT]) == 0) {
     s_.ALARMTEXT.clear();
     return;
   }
+  if (s_.DELAYSECONDS <= 0) return;
   const int32_t left = s_.DELAYSECONDS - ElapsedSeconds();
-  if (left < 0 && (s_.SHUTDOWNFLAG == 1 || !showing_seconds_)) return;
+  if (left < 0 && s_.SHUTDOWNFLAG == 1) return;
   if (left < 4) {
     s_.ALARMTEXT = s_.Message(25);
     s_.SHUTDOWNFLAG = 1;
     return;
   }
-  showing_seconds_ = true;
   s_.ALARMTEXT =
       s_.Message(26) + " " + std::to_string(left) + " " + s_.Message(27);
 }

@@ -38,8 +38,6 @@ class ShutdownController {
   // clock is set.
   double start_steady_ = 0;
   double start_fraction_ = 0;
-  // Whether a tick of the current countdown has shown its seconds left.
-  bool showing_seconds_ = false;
 };
 
 }  // namespace power

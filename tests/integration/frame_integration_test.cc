@@ -1,6 +1,7 @@
 // The program frame as a whole: start-up, the event log, the ways the
 // program ends and the single-instance rule, on the real binary.
 #include <signal.h>
+#include <string.h>
 
 #include <string>
 #include <vector>
@@ -22,7 +23,7 @@ using ::testing::StartsWith;
 class FrameSignalTest : public ::testing::TestWithParam<int> {};
 
 // The start line, stamped "dd-mm-yyyy--hh:mm:ss..", is the only line until
-// SIGTERM or SIGINT ends the program in order.
+// SIGTERM, SIGINT or SIGHUP (a log-off) ends the program in order.
 TEST_P(FrameSignalTest, StartsAndEndsInOrder) {
   ProgramFolder folder;
   Program& program = folder.Start();
@@ -37,9 +38,9 @@ TEST_P(FrameSignalTest, StartsAndEndsInOrder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(CloseSignals, FrameSignalTest,
-                         ::testing::Values(SIGTERM, SIGINT),
+                         ::testing::Values(SIGTERM, SIGINT, SIGHUP),
                          [](const ::testing::TestParamInfo<int>& info) {
-                           return info.param == SIGTERM ? "Sigterm" : "Sigint";
+                           return std::string(sigabbrev_np(info.param));
                          });
 
 TEST(FrameTest, RunsAndEndsWithoutLogFolder) {

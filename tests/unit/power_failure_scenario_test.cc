@@ -108,5 +108,43 @@ TEST(PowerFailureScenarioTest, RoadOfAPowerFailure) {
   }
 }
 
+// A notice ("USE&" from the PAVO server, "3XX&" from the SNMP agent) right
+// after start-up restarts a countdown that no power failure has given a
+// length. The readings that follow take a new start at every poll, as a mains
+// record does, and land in the same whole second as a countdown tick (the
+// notice half a second after the poll, the readings a quarter): the countdown
+// must still never end the program.
+TEST(PowerFailureScenarioTest, NoticeWithoutLengthNeverShutsDown) {
+  for (const bool snmp : {false, true}) {
+    SCOPED_TRACE(snmp ? "3XX&" : "USE&");
+    ProgramRig r(std::string("ENABLESHUT:1\r\nPOLLINGTIME:1\r\n") +
+                 (snmp ? "CONNECTION:SNMP\r\n" : ""));
+    int polls = 0;
+    r.main.parts.POLLSNMP = [&] {
+      r.s.SNMPVALUES[1] = polls++ == 0 ? "3XX&Agent busy" : "0";
+      r.s.SNMPVALUES[2] = "2";
+    };
+    r.main.parts.PowerEvaluation = [&](const std::string&, const std::string&) {
+      r.main.parts.SAYMASIFIR();
+    };
+    r.program.Load();
+    if (!snmp) {
+      r.AdvanceTo(1500ms);
+      r.Answer("USE&UPS self test\r\n");
+      for (Duration t = 2250ms; t < 120s && !r.fake.ended(); t += 1s) {
+        r.AdvanceTo(t);
+        r.Answer(Record("0000", "0000", "Mains OK") + "\r\n");
+      }
+    }
+    r.AdvanceTo(120s);
+    EXPECT_EQ(r.s.EMERGENCYTEXT, "1");
+    EXPECT_EQ(r.LogCount(snmp ? "Agent busy" : "UPS self test"), 1);
+    EXPECT_EQ(r.s.SHUTDOWNFLAG, 0);
+    r.fake.Advance(60s);
+    EXPECT_FALSE(r.fake.ended());
+    EXPECT_TRUE(r.fake.starts.empty());
+  }
+}
+
 }  // namespace
 }  // namespace app

@@ -274,9 +274,10 @@ TEST(ServerReplyTest, UseReplyStartsTheCountdownAndLeavesTheConnectionOpen) {
   Rig r;
   r.AdvanceTo(1s);
   r.s.DELAYSECONDS = 200;
+  r.s.COMMOK = 1;
   r.Answer("USE&first\r\nsecond\r\n");
   EXPECT_EQ(r.s.DETAILTEXT, "first");
-  EXPECT_EQ(r.s.COMMOK, 0);
+  EXPECT_EQ(r.s.COMMOK, 1);
   EXPECT_EQ(r.s.STATUSTEXT, Text(32));
   EXPECT_EQ(r.LogCount("first"), 1);
   EXPECT_EQ(r.server().state(), State::kConnected);
