@@ -1,108 +1,170 @@
-// Running the real program binary in a throw-away program folder. Every test
-// process lives in its own network namespace (see netns_main.cc), so the
-// program's fixed ports are private to the test that started it.
+// Runs the real program binary in a throw-away program folder. Each test
+// process has its own network namespace (netns_main.cc), so the program's
+// fixed ports are private to the test that started it.
 #ifndef KOVRAN_TESTS_INTEGRATION_HARNESS_H_
 #define KOVRAN_TESTS_INTEGRATION_HARNESS_H_
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iostream>
 #include <memory>
-#include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "gtest/gtest.h"
 
 namespace kovran::integration {
 
+namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// How long a test waits for something the program should do promptly.
-inline constexpr Clock::duration kTimeout = std::chrono::seconds(10);
-
-// Length of the time stamp "dd-mm-yyyy--hh:mm:ss.." that starts a log line.
-inline constexpr std::size_t kStampLength = 22;
-
 inline constexpr char kEndLine[] = "QueryUnload Program ended";
+// Message 51 of the shipped language file behind "New Start /".
+inline const std::string kStartLine =
+    "New Start /KOVRAN UPS shutdown client started";
 
-// Checks `done` every few milliseconds until it holds or `timeout` has
-// passed; the result of the last check.
-bool WaitUntil(const std::function<bool()>& done,
-               Clock::duration timeout = kTimeout);
+inline bool WaitUntil(const std::function<bool()>& done,
+                      Clock::duration timeout = std::chrono::seconds(10)) {
+  for (const auto deadline = Clock::now() + timeout; !done();
+       std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+    if (Clock::now() >= deadline) return false;
+  }
+  return true;
+}
 
-// The whole file; empty when it cannot be read.
-std::string ReadFile(const std::string& path);
+inline std::string ReadFile(const std::string& path) {
+  return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
+}
 
-// "New Start /" and message 51 of the shipped language file.
-std::string StartLine();
-
-// A counter of the TCP statistics of this process's network namespace
-// (/proc/self/net/snmp), such as "AttemptFails"; -1 when it is missing.
-long long TcpStatistic(const std::string& name);
-
-// One started copy of the program, killed on destruction if still running.
+// A started process, killed on destruction if still running, with stdout and
+// stderr appended to the file `output`. It runs in "/": the program must find
+// its files beside the executable.
 class Program {
  public:
-  // Starts `executable` with stdout and stderr appended to `output`.
-  Program(const std::string& executable, const std::string& output);
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-  ~Program();
+  Program(std::vector<std::string> argv, const std::string& output) {
+    std::vector<char*> args;
+    for (auto& arg : argv) args.push_back(arg.data());
+    args.push_back(nullptr);
+    if ((pid_ = ::fork()) < 0) throw std::runtime_error("fork failed");
+    if (pid_ > 0) return;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (out >= 0 && ::chdir("/") == 0 && ::dup2(out, 1) == 1 &&
+        ::dup2(out, 2) == 2) {
+      ::close_range(3, ~0u, 0);
+      ::execv(args[0], args.data());
+    }
+    ::_exit(127);
+  }
+  ~Program() {
+    if (Running() && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
+  }
 
-  bool Running();
-  bool Signal(int sig);
-  // The exit status, 128 + the signal that killed the program, or -1 when
-  // it still runs at the end of `timeout`.
-  int WaitForExit(Clock::duration timeout = kTimeout);
-  // Waits until the program has a handler installed for `sig`, so that the
-  // signal reaches the program instead of ending it with the default action.
-  bool WaitUntilCatching(int sig);
+  bool Running() {
+    if (!ended_) ended_ = ::waitpid(pid_, &status_, WNOHANG) == pid_;
+    return !ended_;
+  }
+  // The exit status, 128 + the killing signal, or -1 if still running.
+  int WaitForExit() {
+    if (!WaitUntil([this] { return !Running(); })) return -1;
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
+  }
+  void ExpectOrderlyEnd(int sig = SIGTERM) {
+    ASSERT_TRUE(Running() && ::kill(pid_, sig) == 0);
+    EXPECT_EQ(WaitForExit(), 0);
+  }
 
  private:
   pid_t pid_;
-  std::optional<int> exit_status_;
+  int status_ = 0;
+  bool ended_ = false;
 };
 
-// A temporary program folder: a copy of the binary as `kovran`, the shipped
-// upsser.cfg and LANGSE1.TXT, and an empty SERLOGS folder. Destruction kills
-// the programs started from it and removes it.
+// A temporary program folder: the binary as `kovran`, the shipped upsser.cfg
+// and LANGSE1.TXT, an empty SERLOGS. Destruction kills what was started from
+// it, after showing its log and outputs if the test failed.
 class ProgramFolder {
  public:
-  ProgramFolder();
-  ProgramFolder(const ProgramFolder&) = delete;
-  ProgramFolder& operator=(const ProgramFolder&) = delete;
-  ~ProgramFolder();
+  ProgramFolder() : path_(fs::temp_directory_path() / "kovran-it-XXXXXX") {
+    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error(path_);
+    fs::copy_file(KOVRAN_BINARY, Path("kovran"));
+    fs::copy(KOVRAN_DIST_DIR "/upsser.cfg", path_);
+    fs::copy(KOVRAN_DIST_DIR "/LANGSE1.TXT", path_);
+    fs::create_directory(Path("SERLOGS"));
+  }
+  ~ProgramFolder() {
+    for (const auto& file : fs::recursive_directory_iterator(path_)) {
+      const auto type = file.path().extension();
+      if (::testing::Test::HasFailure() && (type == ".out" || type == ".CLG")) {
+        std::cerr << file.path() << ":\n" << ReadFile(file.path());
+      }
+    }
+    programs_.clear();
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
 
-  std::string Path(const std::string& name) const;
-  void Write(const std::string& name, const std::string& text,
-             bool executable = false);
-  // Replaces the line "key:..." of upsser.cfg by "key:value".
-  void SetSetting(const std::string& key, const std::string& value);
-  void Remove(const std::string& name);
-  bool Exists(const std::string& name) const;
+  std::string Path(const std::string& name) const { return path_ + "/" + name; }
+  void Write(const std::string& name, const std::string& text) {
+    std::ofstream(Path(name), std::ios::binary) << text;
+  }
+  // Replaces the line "KEY:..." of upsser.cfg by `setting`, "KEY:value".
+  void SetSetting(const std::string& setting) {
+    const std::regex line("\n" + setting.substr(0, setting.find(':')) +
+                          ":[^\r\n]*");
+    Write("upsser.cfg", std::regex_replace(ReadFile(Path("upsser.cfg")), line,
+                                           "\n" + setting));
+  }
 
-  // Starts a copy of the program from this folder, with its own output file.
-  Program& Start();
+  // Starts `argv`, by default the program of this folder, with its output in
+  // "N.out", N counting from 0.
+  Program& Start(std::vector<std::string> argv = {}) {
+    if (argv.empty()) argv = {Path("kovran")};
+    const std::string output = Path(std::to_string(programs_.size()) + ".out");
+    return *programs_.emplace_back(std::make_unique<Program>(argv, output));
+  }
 
   // The complete lines of SERLOGS/*.CLG, oldest month first, without their
-  // time stamps unless `stamps`.
-  std::vector<std::string> Log(bool stamps = false) const;
-  // Waits until a log line contains `text`.
-  bool WaitForLog(const std::string& text, Clock::duration timeout = kTimeout);
-
-  // The log and the programs' output, for failure messages.
-  std::string Describe() const;
+  // time stamps "dd-mm-yyyy--hh:mm:ss.." unless `stamps`.
+  std::vector<std::string> Log(bool stamps = false) const {
+    std::set<fs::path> files;
+    std::error_code missing;
+    for (const auto& entry : fs::directory_iterator(Path("SERLOGS"), missing)) {
+      if (entry.path().extension() == ".CLG") files.insert(entry.path());
+    }
+    std::string text;
+    for (const auto& file : files) text += ReadFile(file);
+    std::vector<std::string> lines;
+    for (std::size_t start = 0, end;
+         (end = text.find("\r\n", start)) != std::string::npos;
+         start = end + 2) {
+      lines.push_back(
+          text.substr(start, end - start).erase(0, stamps ? 0 : 22));
+    }
+    return lines;
+  }
+  bool WaitForLog(const std::string& line) {
+    return WaitUntil([&] { return std::ranges::count(Log(), line) > 0; });
+  }
 
  private:
   std::string path_;
   std::vector<std::unique_ptr<Program>> programs_;
 };
-
-// Sends `sig` to `program` and expects it to end with status 0. The callers
-// check the log, the end line included.
-void ExpectOrderlyEnd(ProgramFolder& folder, Program& program,
-                      int sig = SIGTERM);
 
 }  // namespace kovran::integration
 
