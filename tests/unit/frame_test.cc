@@ -1,0 +1,219 @@
+// The main window on the fake platform: start-up, every way the frame ends
+// the program, the settings reading, the event log and the service
+// installation.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <regex>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "frame/main_window.h"
+#include "platform/fake_platform.h"
+
+namespace frame {
+namespace {
+
+using platform::FakePlatform;
+using std::chrono::milliseconds;
+
+constexpr const char* kSettings = "HOST:127.0.0.1\r\nMAXLOCALUSERS:3\r\n";
+constexpr const char* kLanguage =
+    "042 On mains\r\n051 started\r\n052 could not start\r\n083 no batch file";
+
+class FrameTest : public ::testing::Test {
+ protected:
+  FrameTest() { Reset(kSettings); }
+
+  // A fresh fake and window, "/kovran" or (nt) a Windows folder holding the
+  // settings file (nullptr: none) and the language file LANGSE<selector>.TXT.
+  void Reset(const char* settings, char selector = '1',
+             const char* language = kLanguage, bool nt = false) {
+    main_.reset();
+    fake_.emplace();
+    if (nt) {
+      fake_->platform_number = platform::kPlatformNt;
+      fake_->separator = '\\';
+      fake_->program_folder = "C:\\K";
+    }
+    const std::string folder = fake_->program_folder + fake_->separator;
+    fake_->folders = {fake_->program_folder, folder + "SERLOGS"};
+    fake_->SetWallClock({2026, 11, 23}, 36001.5);
+    if (settings) fake_->files[folder + "upsser.cfg"] = settings;
+    fake_->files[folder + "LANGSE" + selector + ".TXT"] = language;
+    main_.emplace(*fake_);
+    auto note = [this](char c) { return [this, c] { calls_ += c; }; };
+    main_->parts.MULTIPORT = note('M');
+    main_->parts.OpenControlPort = note('C');
+    main_->parts.OPENSNMP = [this] { return calls_ += 'S', true; };
+    main_->parts.DestroyWindowSocket = [this](int i) { calls_ += '0' + i; };
+    calls_.clear();
+  }
+
+  // Every month's log lines, without their time stamps, each ended by '|'.
+  std::string Log() const {
+    std::string log;
+    for (const auto& [path, text] : fake_->files) {
+      if (path.find("SERLOGS") != std::string::npos) log += text;
+    }
+    return std::regex_replace(log, std::regex(".{22}(.*)\r\n"), "$1|");
+  }
+  int ExitCode() const { return fake_->ended() ? fake_->exit_code() : -1; }
+
+  std::optional<FakePlatform> fake_;
+  std::optional<MainWindow> main_;
+  // The calls into the other subsystems, in order: MULTIPORT, the control
+  // port, OPENSNMP, and the number of each window socket destroyed.
+  std::string calls_;
+};
+
+TEST_F(FrameTest, StartUpRunsTheStepsInOrderUntilThePlatformCloses) {
+  int ticks = 0;
+  main_->parts.timer_expiry[1] = [&] { ++ticks; };
+  main_->Load();
+  EXPECT_EQ(main_->phase(), MainWindow::Phase::kRunning);
+  EXPECT_EQ(calls_, "MCS");
+  EXPECT_EQ(main_->state.STARTTIME, 36002);  // rounded half to even
+  EXPECT_EQ(main_->state.EMERGENCYTEXT + main_->state.LASTHEADER, "0#00000000");
+  // The second reading, after the language file, sets message 42.
+  EXPECT_EQ(main_->state.DETAILTEXT, "On mains");
+  EXPECT_EQ(main_->Timer7->Interval(), 1000);
+  // Every reading sets the tick to 500 ms; start-up then sets 1000 ms.
+  fake_->Advance(milliseconds(999));
+  EXPECT_EQ(ticks, 0);
+  fake_->Advance(milliseconds(1));
+  EXPECT_EQ(ticks, 1);
+  fake_->NotifyService(0);  // outside the NT family: ignored
+  fake_->RequestClose();
+  fake_->Advance(milliseconds(5000));
+  EXPECT_EQ(main_->state.STOPPED, 0);
+  EXPECT_EQ(ExitCode(), kExitNormal);
+  EXPECT_EQ(ticks, 1);  // no timer runs once the program ends
+  EXPECT_EQ(Log(), "New Start /started|QueryUnload Program ended|");
+  EXPECT_EQ(calls_, "MCS123");
+}
+
+TEST_F(FrameTest, StartUpGoesOnOrEndsByItsFilesAndInstances) {
+  const struct {
+    const char* settings;  // nullptr: none
+    char selector;
+    const char* language;
+    int exit_code;  // -1: runs on; kExitNormal: another instance runs
+    const char* log;
+    const char* calls;
+  } cases[] = {
+      {"", '1', "", -1, "New Start /|", "MCS"},
+      {"LANGUAGE:2B", '2', "051 zwei", -1, "New Start /zwei|", "MCS"},
+      {"LANGUAGE:2", '1', "", kExitFailure, "Language support file error|", ""},
+      {nullptr, '1', "", kExitFailure,
+       "Settings file /kovran/upsser.cfg cannot be read; the program ends|",
+       ""},
+      // No socket exists yet; the unload step destroys the three the
+      // settings name, which the socket array ignores.
+      {kSettings, '1', "", kExitNormal, "QueryUnload Program ended|", "123"},
+  };
+  for (const auto& c : cases) {
+    Reset(c.settings, c.selector, c.language);
+    fake_->another_instance = c.exit_code == kExitNormal;
+    main_->Load();
+    EXPECT_EQ(ExitCode(), c.exit_code) << c.log;
+    EXPECT_EQ(Log(), c.log);
+    EXPECT_EQ(calls_, c.calls) << c.log;
+  }
+}
+
+// A reading keeps the keys the file lacks, and a faulty file changes nothing.
+TEST_F(FrameTest, EveryGoodReadingSetsDetailPollPhaseAndTick) {
+  main_->state.MESSAGES[42] = "On mains";
+  for (auto [file, good] :
+       {std::pair{"HOST:a\r\nTYPE:1\r\nNAME:n", true},
+        {"CLIENTPORT:7", true},
+        {"HOST:b\r\nTYPE:1\r\nNAME:m\r\nAGENTNO:1e6", false}}) {
+    fake_->files["/kovran/upsser.cfg"] = file;
+    main_->state.POLLPHASE = 2;
+    main_->state.DETAILTEXT = "other";
+    main_->Timer1->SetInterval(1000);
+    EXPECT_EQ(main_->LOADSETTINGS().ok(), good);
+    EXPECT_EQ(main_->state.DETAILTEXT, good ? "On mains" : "other");
+    EXPECT_EQ(main_->state.POLLPHASE, good ? 0 : 2);
+    EXPECT_EQ(main_->Timer1->Interval(), good ? 500 : 1000);
+  }
+  EXPECT_EQ(main_->state.SETTINGS[HOST], "a");
+  EXPECT_EQ(main_->state.CLIENTPORT, 7);
+  EXPECT_EQ(main_->state.UPSTYPES[1][NAME], "");
+}
+
+TEST_F(FrameTest, LogsLinesOfFiveCharactersOrMoreIntoTheMonthsFile) {
+  fake_->SetWallClock({2026, 12, 31}, 86399.5);
+  for (const char* line : {"abcd", "abcde", "fghij", "new year"}) {
+    if (line[0] == 'n') fake_->Advance(std::chrono::seconds(1));
+    main_->state.LOGLINE = line;
+    main_->WRITELOG();
+  }
+  EXPECT_EQ(main_->state.LOGLINE, "01-01-2027--00:00:00..new year");
+  EXPECT_EQ(fake_->files["/kovran/SERLOGS/2026-12.CLG"],
+            "31-12-2026--23:59:59..abcde\r\n31-12-2026--23:59:59..fghij\r\n");
+  EXPECT_EQ(fake_->files["/kovran/SERLOGS/2027-01.CLG"],
+            "01-01-2027--00:00:00..new year\r\n");
+}
+
+// In the NT family a readable batch file means the service is installed: the
+// program attaches to it or, failing that, installs it again. Installing
+// writes the batch file, starts it hidden and ends; failures are logged.
+TEST_F(FrameTest, OnNtTheServiceIsAttachedOrInstalled) {
+  const std::string kBatch = "C:\\K\\CRKOVRA.BAT";
+  const std::string kText =
+      "sc create KOVRAN binPath= \"C:\\K\\KOVRAN.EXE\" start= auto "
+      "Displayname= \"PAVO SERVER CONNECTOR\" type= own\r\n"
+      "sc start KOVRAN\r\npause\r\n";
+  const struct {
+    const char* batch;                           // nullptr: none
+    std::set<std::string> FakePlatform::*fault;  // gets the batch file
+    bool connects;
+    int connect_calls;
+    std::string logged;  // between the start and the end line; "-": runs on
+  } cases[] = {
+      {nullptr, nullptr, true, 0, ""},
+      {nullptr, &FakePlatform::unwritable, true, 0, "no batch file|"},
+      {nullptr, &FakePlatform::failing_starts, true, 0,
+       kBatch + " could not start|"},
+      {"old", &FakePlatform::unreadable, true, 0, ""},
+      {"old", nullptr, false, 1, ""},
+      {"old", nullptr, true, 1, "-"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.logged);
+    Reset("MAXLOCALUSERS:1", '1', kLanguage, /*nt=*/true);
+    if (c.batch) fake_->files[kBatch] = c.batch;
+    if (c.fault) ((*fake_).*c.fault).insert(kBatch);
+    fake_->service_connects = c.connects;
+    main_->Load();
+    const bool runs = c.logged == "-";
+    const bool written = !runs && c.fault != &FakePlatform::unwritable;
+    const bool started = written && c.fault != &FakePlatform::failing_starts;
+    EXPECT_EQ(fake_->ended(), !runs);
+    EXPECT_EQ(fake_->service_connect_calls(), c.connect_calls);
+    EXPECT_EQ(Log(), "New Start /started|" +
+                         (runs ? "" : c.logged + "QueryUnload Program ended|"));
+    EXPECT_EQ(calls_, runs ? "MCS" : "MC1");
+    EXPECT_EQ(fake_->files[kBatch] == kText, written);
+    EXPECT_EQ(fake_->starts.size(), started ? 1u : 0u);
+    for (const auto& start : fake_->starts) {
+      EXPECT_EQ(std::tuple(start.command_line, start.window_style),
+                std::tuple(kBatch, platform::kWindowHidden));
+    }
+  }
+  // Attached, the service's notifications suspend and resume the watching.
+  const std::pair<int, int> steps[] = {{0, 1}, {2, 0}, {1, 1},
+                                       {7, 1}, {3, 0}, {-1, 0}};
+  for (const auto& [state, stopped] : steps) {
+    fake_->NotifyService(state);
+    fake_->RunReady();
+    EXPECT_EQ(main_->state.STOPPED, stopped) << state;
+  }
+}
+
+}  // namespace
+}  // namespace frame

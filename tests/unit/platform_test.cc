@@ -1,0 +1,252 @@
+// The contract of Platform, run against the virtual-time fake and the real
+// POSIX implementation alike so that the two cannot drift apart; then what
+// only one of them can show.
+//
+// Real timers fire late at times but never early, so real-time checks only
+// say "not before", and waiting has a generous deadline. Virtual time is
+// exact, and the same checks demand exactness.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <asio/error.hpp>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "platform/fake_platform.h"
+#include "platform/posix_platform.h"
+#include "platform/socket_errors.h"
+#include "platform/tcp_client.h"
+
+namespace platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Duration = std::chrono::nanoseconds;
+using Ms = std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+struct FakeDriver {
+  static constexpr bool kVirtualTime = true;
+  void Pass(Duration d) { p.Advance(d); }
+  void Work(Duration d) { p.Advance(d); }  // virtual time moves only here
+  void RequestClose(int /*signal*/) { p.RequestClose(); }
+  FakePlatform p;
+  std::string folder = p.program_folder;
+};
+
+struct RealDriver {
+  static constexpr bool kVirtualTime = false;
+  RealDriver() { folder = ::mkdtemp(pattern.data()) ? pattern : ""; }
+  ~RealDriver() { fs::remove_all(folder, ignored); }
+  void Pass(Duration d) { p.RunFor(std::chrono::ceil<Ms>(d)); }
+  void Work(Duration d) {  // keeps the event thread busy
+    for (auto end = Clock::now() + d; Clock::now() < end;) continue;
+  }
+  void RequestClose(int signal) { ::raise(signal); }
+  PosixPlatform p{/*exit_process=*/false};
+  std::string pattern = fs::temp_directory_path() / "kovran-XXXXXX", folder;
+  std::error_code ignored;
+};
+
+// Runs the loop until `done`, for at least 5 s of either kind of time.
+template <typename Driver>
+bool RunUntil(Driver& d, const std::function<bool()>& done) {
+  for (int i = 0; i < 5000 && !done(); ++i) d.Pass(1ms);
+  return done();
+}
+
+template <typename Driver>
+class PlatformContractTest : public ::testing::Test, public Driver {};
+
+using Drivers = ::testing::Types<FakeDriver, RealDriver>;
+TYPED_TEST_SUITE(PlatformContractTest, Drivers);
+
+TYPED_TEST(PlatformContractTest, BusyHandlerNeverNestsAndWhatCameDueRunsOnce) {
+  Platform& p = this->p;
+  auto now = [&p] {  // the steady clock, which the timers keep pace with
+    return std::chrono::round<Duration>(
+        std::chrono::duration<double>(p.SteadySeconds()));
+  };
+  std::vector<Duration> at;
+  Duration done_at{};
+  int depth = 0, others = 0, fired[4] = {};
+  bool nested = false, posted = false, ran_in_yield = false;
+  std::unique_ptr<Timer> timer, pairs[4];
+  auto other = p.NewTimer([&] { ++others; });
+  // Enabling an enabled timer leaves its count alone, else this would keep
+  // `timer` silent.
+  auto poke = p.NewTimer([&] {
+    if (timer) timer->SetEnabled(true);
+  });
+  timer = p.NewTimer([&] {
+    at.push_back(now());
+    nested = nested || depth++ > 0;
+    if (at.size() <= 2) timer->SetInterval(120);  // counts from here
+    if (at.size() == 2) {  // its own expiry and the others come due
+      const int others_before = others;
+      this->Work(300ms);
+      p.Post([&] { posted = true; });
+      p.Yield();
+      ran_in_yield = posted && others > others_before;
+      done_at = now();
+    }
+    if (at.size() == 4) timer.reset();  // destroyed in its own handler
+    --depth;
+  });
+  const Duration start = now();
+  timer->SetInterval(50);
+  other->SetInterval(20);
+  poke->SetInterval(10);
+  // Two pairs come due together while `timer` is busy; in each, the first
+  // to fire destroys or disables its partner, whose expiry already waits.
+  for (int i = 0; i < 4; ++i) {
+    pairs[i] = p.NewTimer([&, i] {
+      if (fired[i]++ > 0 || fired[i ^ 1] > 0) return;
+      i < 2 ? pairs[i ^ 1].reset() : pairs[i ^ 1]->SetEnabled(false);
+    });
+    pairs[i]->SetInterval(300);
+  }
+  // Expiry `i` comes at `due`: exactly in virtual time, never early in real
+  // time (where `due` was read just after the call that started the count).
+  auto expect_fire_at = [&](std::size_t i, Duration due) {
+    ASSERT_TRUE(RunUntil(*this, [&] { return at.size() > i; })) << i;
+    EXPECT_TRUE(TypeParam::kVirtualTime ? at[i] == due : at[i] + 1ms >= due)
+        << "expiry " << i << " at " << at[i] / 1us << " us, due " << due / 1us;
+  };
+  ASSERT_NO_FATAL_FAILURE(expect_fire_at(0, start + 50ms));
+  expect_fire_at(1, at[0] + 120ms);
+  expect_fire_at(2, done_at);  // once, not as a burst
+  expect_fire_at(3, done_at + 120ms);
+  this->Pass(300ms);
+  EXPECT_EQ(at.size(), 4u);
+  EXPECT_FALSE(nested);
+  EXPECT_TRUE(ran_in_yield);
+  for (int i : {0, 2}) EXPECT_NE(fired[i] > 0, fired[i + 1] > 0) << i;
+}
+
+TYPED_TEST(PlatformContractTest, FilesAreMadeOnlyInExistingFolders) {
+  Platform& p = this->p;
+  const std::string folder = this->folder, file = folder + "/log.txt";
+  const std::string binary("t\0o\r\n\xff", 6);
+  EXPECT_FALSE(p.CanOpenForReading(file) || p.ReadFile(file));
+  ASSERT_TRUE(p.AppendToFile(file, "one\r\n") && p.AppendToFile(file, binary));
+  EXPECT_EQ(p.ReadFile(file), "one\r\n" + binary);
+  EXPECT_TRUE(p.CanOpenForReading(file));
+  ASSERT_TRUE(p.WriteFile(file, ""));
+  EXPECT_EQ(p.ReadFile(file), "");
+  // No folder is ever created, and a folder is no file.
+  for (const std::string& path : {folder + "/missing/a.log", folder}) {
+    EXPECT_FALSE(p.AppendToFile(path, "x") || p.WriteFile(path, "x") ||
+                 p.CanOpenForReading(path) || p.ReadFile(path))
+        << path;
+  }
+  ASSERT_TRUE(p.WriteFile(file, std::string(kMaxReadFileBytes, 'x')));
+  EXPECT_EQ(p.ReadFile(file).value_or("").size(), kMaxReadFileBytes);
+  ASSERT_TRUE(p.AppendToFile(file, "x"));
+  EXPECT_EQ(p.ReadFile(file), std::nullopt) << "above the limit";
+}
+
+TEST(PosixPlatformTest, StartProcessRunsExecutableFilesWithoutWaiting) {
+  RealDriver d;
+  // The runnable script leaves its mark half a second after it started.
+  const std::string run = d.folder + "/run.sh", plain = d.folder + "/plain.sh";
+  std::ofstream(run) << "#!/bin/sh\nsleep 0.5\ntouch \"$0.ran\"\n";
+  std::ofstream(plain) << "#!/bin/sh\n";
+  fs::permissions(run, fs::perms::owner_all);
+  for (const auto& path : {d.folder + "/missing.sh", plain, d.folder}) {
+    EXPECT_FALSE(d.p.StartProcess(path, kWindowHidden)) << path;
+  }
+  ASSERT_TRUE(d.p.StartProcess(run, kWindowNormalFocus));
+  EXPECT_FALSE(fs::exists(run + ".ran")) << "waited for the process";
+  EXPECT_TRUE(RunUntil(d, [&] { return fs::exists(run + ".ran"); }));
+}
+
+TEST(PosixPlatformTest, FolderDateAndSingleCopyFollowTheRunningBinary) {
+  PosixPlatform p(/*exit_process=*/false);
+  EXPECT_EQ(p.ProgramFolder(),
+            fs::canonical(program_invocation_name).parent_path().string());
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  ::localtime_r(&now, &local);
+  const LocalDate today = p.Today();
+  EXPECT_EQ(std::tuple(today.year, today.month, today.day),
+            std::tuple(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday));
+  EXPECT_FALSE(p.AnotherInstanceRunning());
+  EXPECT_FALSE(p.AnotherInstanceRunning());  // never finds itself
+  // A second copy of this binary, started while this one runs, finds it.
+  std::signal(SIGCHLD, SIG_DFL);  // to learn its answer
+  const pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) ::_exit(PosixPlatform(false).AnotherInstanceRunning() ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+TEST(SocketErrorsTest, OsErrorsBecomeWindowsSocketsNumbers) {
+  auto os = [](int e) { return asio::error_code(e, asio::system_category()); };
+  // Low BSD numbers keep their meaning, offset by 10000; anything else still
+  // gets a number that is neither reset nor refused.
+  const std::pair<asio::error_code, int> cases[] = {
+      {asio::error::connection_refused, wsa::kConnectionRefused},
+      {asio::error::connection_reset, wsa::kConnectionReset},
+      {asio::error::broken_pipe, wsa::kConnectionReset},
+      {asio::error::host_not_found, wsa::kHostNotFound},
+      {os(EACCES), 10013},
+      {os(ENOTRECOVERABLE), 10000}};
+  for (const auto& [code, number] : cases) {
+    const SocketError e = ToSocketError(code);
+    EXPECT_EQ(e.number, number) << code.message();
+    EXPECT_FALSE(e.description.empty()) << code.message();
+  }
+}
+
+// Up to the end of an Advance, by due time, then in creation order.
+TEST(FakePlatformTest, TimersDueTogetherFireInCreationOrder) {
+  FakePlatform fake;
+  std::string fired;
+  auto a = fake.NewTimer([&] { fired += 'a'; });
+  auto b = fake.NewTimer([&] { fired += 'b'; });
+  a->SetInterval(20);
+  b->SetInterval(10);
+  fake.Advance(40ms);
+  EXPECT_EQ(fired, "babbab");
+}
+
+// Only a connecting socket can be accepted, by a posted event that a Close()
+// in between drops.
+TEST(FakeTcpClientTest, OnlyAConnectingSocketIsAcceptedByAPostedEvent) {
+  FakePlatform fake;
+  auto owned = fake.NewTcpClient();
+  auto& client = static_cast<FakeTcpClient&>(*owned);
+  int connects = 0;
+  client.SetEvents({[&] { ++connects; }, {}, {}, {}});
+  for (bool close_first : {true, false}) {
+    client.Connect("ups", 1);
+    client.Accept();
+    EXPECT_EQ(connects, 0) << "raised inside the call";
+    if (close_first) client.Close();
+    fake.RunReady();
+  }
+  client.Accept();  // connected already
+  client.Close();
+  client.Accept();  // closed
+  fake.RunReady();
+  EXPECT_EQ(connects, 1);
+}
+
+}  // namespace
+}  // namespace platform
