@@ -22,7 +22,6 @@
 namespace kovran_testing {
 
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 using namespace std::chrono_literals;
 using Duration = platform::FakePlatform::Duration;
 using State = platform::FakeTcpClient::State;
@@ -31,12 +30,11 @@ inline constexpr char kLogFile[] = "/kovran/SERLOGS/2026-11.CLG";
 inline constexpr char kOn[] = "ENABLESHUT:1\r\n";
 // Every text these parts show is distinct, and none holds a digit.
 inline constexpr char kLanguage[] =
-    "021 Connecting\r\n022 Server closed the link\r\n023 Connecting again\r\n"
-    "025 Shutting down now\r\n026 Shutdown in\r\n027 seconds\r\n"
-    "028 Mains restored, alarm closed\r\n029 Connected\r\n"
-    "030 Server does not answer\r\n031 Mains back\r\n032 Status received\r\n"
-    "033 Unknown reply\r\n034 Connection refused\r\n042 On mains\r\n"
-    "051 started\r\n052 could not start\r\n053 Battery test\r\n";
+    "021 Connecting\r\n022 Server closed\r\n023 Retrying\r\n025 Going down\r\n"
+    "026 Shutdown in\r\n027 seconds\r\n028 All clear\r\n029 Connected\r\n"
+    "030 No answer\r\n031 Mains back\r\n032 Status read\r\n034 Refused\r\n"
+    "033 Unknown reply\r\n042 On mains\r\n051 started\r\n052 failed\r\n"
+    "053 Battery test\r\n";
 
 // Message n (two digits) of the test language file.
 inline std::string Text(int n) {
@@ -68,13 +66,11 @@ struct FolderRig {
     fake.files["/kovran/LANGSE1.TXT"] = kLanguage;
   }
   void AdvanceTo(Duration t) { fake.Advance(t - fake.Now()); }
-  long long NowMs() const { return fake.Now() / 1ms; }
   // How many log lines read `text` after their time stamp.
   int LogCount(const std::string& text) {
     const std::string log = fake.files[kLogFile], line = ".." + text + "\r\n";
     int n = 0;
-    for (auto at = log.find(line); at != log.npos; at = log.find(line, at + 1))
-      ++n;
+    for (size_t at = 0; (at = log.find(line, at)) != log.npos; ++at) ++n;
     return n;
   }
 
