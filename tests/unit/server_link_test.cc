@@ -193,6 +193,7 @@ TEST(ServerReplyTest, RecordsAreReadUpToTheirFirstLineEnd) {
       {"", Record("0000", "0000", "Mains\rOK\n\r\n"), Header("0000", "0000"),
        "Mains\rOK\n"},
       {"", "#00\r\n0000000000000later", "#00", ""},
+      {"", Record("0000", "0000", "X"), Header("0000", "0000"), "X"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.before + " then " + c.reply.substr(0, 40));
