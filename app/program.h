@@ -4,6 +4,8 @@
 #define KOVRAN_APP_PROGRAM_H_
 
 #include "frame/main_window.h"
+#include "localports/control_port.h"
+#include "localports/local_windows.h"
 #include "power/main_tick.h"
 #include "power/shutdown_controller.h"
 #include "serverlink/server_link.h"
@@ -13,7 +15,12 @@ namespace app {
 class Program {
  public:
   explicit Program(platform::Platform& platform)
-      : main(platform), shutdown(main), tick(main), server_link(main) {}
+      : main(platform),
+        shutdown(main),
+        tick(main),
+        server_link(main),
+        windows(main),
+        control_port(main) {}
 
   // Start-up; afterwards the platform's loop delivers the events.
   void Load() { main.Load(); }
@@ -22,6 +29,8 @@ class Program {
   power::ShutdownController shutdown;
   power::MainTick tick;
   serverlink::ServerLink server_link;
+  localports::LocalWindows windows;
+  localports::ControlPort control_port;
 };
 
 }  // namespace app

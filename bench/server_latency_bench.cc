@@ -118,6 +118,15 @@ class BenchPlatform : public platform::Platform {
     return real_.NewTcpClient();
   }
   std::string LocalIPv4Address() override { return real_.LocalIPv4Address(); }
+  std::vector<std::string> LocalAddresses() override {
+    return real_.LocalAddresses();
+  }
+  std::unique_ptr<platform::UdpSocket> NewUdpSocket() override {
+    return real_.NewUdpSocket();
+  }
+  std::unique_ptr<platform::TcpListener> NewTcpListener() override {
+    return real_.NewTcpListener();
+  }
   bool ConnectService() override { return real_.ConnectService(); }
   void SetServiceHandler(std::function<void(int)> f) override {
     real_.SetServiceHandler(std::move(f));

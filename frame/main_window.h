@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "frame/program_state.h"
 #include "frame/status.h"
@@ -120,6 +121,10 @@ class MainWindow {
   std::unique_ptr<platform::Timer> Timer5;  // discovery collection
   std::unique_ptr<platform::Timer> Timer6;  // end-program
   std::unique_ptr<platform::Timer> Timer7;  // exit
+
+  // The list controls: the trace of the last SNMP poll, the agents found.
+  std::vector<std::string> List1;
+  std::vector<std::string> List2;
 
  private:
   std::unique_ptr<platform::Timer> MakeTimer(int number);

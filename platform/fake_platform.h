@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/fake_local_sockets.h"
 #include "platform/fake_tcp_client.h"
 #include "platform/platform.h"
 #include "platform/timer_schedule.h"
@@ -66,6 +67,8 @@ class FakePlatform : public Platform {
   // The TCP clients the program made, in order of making; destroyed ones
   // are removed.
   std::vector<FakeTcpClient*> tcp_clients;
+  // The machine's addresses and the local ports' sockets.
+  FakeNetwork network{*this};
 
   // Command lines whose start fails; everything else starts.
   std::set<std::string> failing_starts;
@@ -107,6 +110,13 @@ class FakePlatform : public Platform {
   bool AnotherInstanceRunning() override { return another_instance; }
   std::unique_ptr<TcpClient> NewTcpClient() override;
   std::string LocalIPv4Address() override { return local_ipv4; }
+  std::vector<std::string> LocalAddresses() override { return network.addresses; }
+  std::unique_ptr<UdpSocket> NewUdpSocket() override {
+    return std::make_unique<FakeUdpSocket>(network);
+  }
+  std::unique_ptr<TcpListener> NewTcpListener() override {
+    return std::make_unique<FakeTcpListener>(network);
+  }
   bool ConnectService() override;
   void SetServiceHandler(std::function<void(int)> on_state) override;
 

@@ -16,7 +16,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "platform/local_sockets.h"
 #include "platform/tcp_client.h"
 
 namespace platform {
@@ -142,6 +144,15 @@ class Platform {
   // The local machine's IPv4 address in dotted-decimal form, the one address
   // the program names itself by (server requests, local window sockets).
   virtual std::string LocalIPv4Address() = 0;
+
+  // Every IPv4 address of the machine's interfaces, the loopback included,
+  // in dotted-decimal form. Asks the system at each call.
+  virtual std::vector<std::string> LocalAddresses() = 0;
+
+  // A new UDP socket (an element of the local windows' Winsock3).
+  virtual std::unique_ptr<UdpSocket> NewUdpSocket() = 0;
+  // A new TCP listener (element 0 of the control port's Winsock2).
+  virtual std::unique_ptr<TcpListener> NewTcpListener() = 0;
 
   // ---- Service control ----
 

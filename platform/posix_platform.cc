@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "platform/asio_local_sockets.h"
 #include "platform/asio_tcp_client.h"
 #include "platform/timer_schedule.h"
 
@@ -356,6 +357,30 @@ std::string PosixPlatform::LocalIPv4Address() {
   }
   ::freeifaddrs(list);
   return address;
+}
+
+std::vector<std::string> PosixPlatform::LocalAddresses() {
+  std::vector<std::string> addresses{"127.0.0.1"};
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) return addresses;
+  for (ifaddrs* i = list; i; i = i->ifa_next) {
+    if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET) continue;
+    char text[INET_ADDRSTRLEN];
+    const auto* in = reinterpret_cast<const sockaddr_in*>(i->ifa_addr);
+    if (::inet_ntop(AF_INET, &in->sin_addr, text, sizeof text)) {
+      addresses.push_back(text);
+    }
+  }
+  ::freeifaddrs(list);
+  return addresses;
+}
+
+std::unique_ptr<UdpSocket> PosixPlatform::NewUdpSocket() {
+  return NewAsioUdpSocket(impl_->io);
+}
+
+std::unique_ptr<TcpListener> PosixPlatform::NewTcpListener() {
+  return NewAsioTcpListener(impl_->io);
 }
 
 // There is no service control manager on POSIX; PlatformNumber() keeps the

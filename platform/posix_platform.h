@@ -42,6 +42,9 @@ class PosixPlatform : public Platform {
   bool AnotherInstanceRunning() override;
   std::unique_ptr<TcpClient> NewTcpClient() override;
   std::string LocalIPv4Address() override;
+  std::vector<std::string> LocalAddresses() override;
+  std::unique_ptr<UdpSocket> NewUdpSocket() override;
+  std::unique_ptr<TcpListener> NewTcpListener() override;
   bool ConnectService() override;
   void SetServiceHandler(std::function<void(int)> on_state) override;
 

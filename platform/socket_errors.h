@@ -16,6 +16,11 @@ struct SocketError {
 // The Windows Sockets number and a description for `ec`.
 SocketError ToSocketError(const asio::error_code& ec);
 
+// Whether a listener may set SO_REUSEADDR. On POSIX it only lets a restarted
+// program take its port back from connections in TIME_WAIT; on Windows it
+// would let a second listener share a port another program holds.
+bool ListenerReusesAddress();
+
 }  // namespace platform
 
 #endif  // KOVRAN_PLATFORM_SOCKET_ERRORS_H_

@@ -62,4 +62,6 @@ SocketError ToSocketError(const asio::error_code& ec) {
   return {number, ec.message()};
 }
 
+bool ListenerReusesAddress() { return true; }
+
 }  // namespace platform
