@@ -46,10 +46,10 @@ class UdpSocket {
 };
 
 struct TcpConnectionEvents {
-  std::function<void()> on_data;           // bytes arrived; ReadAll() takes them
-  std::function<void()> on_send_complete;  // everything sent has gone out
-  std::function<void()> on_close;          // the peer closed the connection
-  std::function<void(int number, const std::string& description)> on_error;
+  std::function<void()> on_data = nullptr;           // bytes arrived; ReadAll() takes them
+  std::function<void()> on_send_complete = nullptr;  // everything sent has gone out
+  std::function<void()> on_close = nullptr;          // the peer closed the connection
+  std::function<void(int number, const std::string& description)> on_error = nullptr;
 };
 
 // One accepted connection.

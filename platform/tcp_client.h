@@ -32,10 +32,10 @@ inline constexpr int kInvalidArgument = 10022;
 }  // namespace wsa
 
 struct TcpClientEvents {
-  std::function<void()> on_connect;
-  std::function<void()> on_data;   // bytes arrived; ReadAll() takes them
-  std::function<void()> on_close;  // the peer closed the connection
-  std::function<void(int number, const std::string& description)> on_error;
+  std::function<void()> on_connect = nullptr;
+  std::function<void()> on_data = nullptr;   // bytes arrived; ReadAll() takes them
+  std::function<void()> on_close = nullptr;  // the peer closed the connection
+  std::function<void(int number, const std::string& description)> on_error = nullptr;
 };
 
 // One TCP client connection at a time. Events are delivered on the event

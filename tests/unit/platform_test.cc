@@ -157,6 +157,84 @@ TYPED_TEST(PlatformContractTest, FilesAreMadeOnlyInExistingFolders) {
   EXPECT_EQ(p.ReadFile(file), std::nullopt) << "above the limit";
 }
 
+// Datagrams between two sockets of the machine: whole, empty ones too, with
+// the sender's address and port; a taken port cannot be bound twice.
+TYPED_TEST(PlatformContractTest, DatagramsArriveWholeWithTheirSender) {
+  Platform& p = this->p;
+  auto a = p.NewUdpSocket(), b = p.NewUdpSocket(), c = p.NewUdpSocket();
+  std::vector<std::tuple<std::string, std::string, int>> got;
+  b->SetEvents({.on_datagram = [&](const std::string& data,
+                                   const std::string& from, int port) {
+    got.emplace_back(data, from, port);
+  }});
+  EXPECT_FALSE(a->Send("x")) << "unbound, no remote";
+  ASSERT_TRUE(a->Bind(0) && b->Bind(0));
+  EXPECT_FALSE(c->Bind(b->LocalPort())) << "taken";
+  EXPECT_EQ(c->LocalPort(), 0);
+  for (auto [host, port] : {std::pair("ups.example", 1), {"127.0.0.1", 0},
+                            {"127.0.0.1", 65536}}) {
+    EXPECT_FALSE(a->SetRemote(host, port)) << host << ":" << port;
+  }
+  ASSERT_TRUE(a->SetRemote("127.0.0.1", b->LocalPort()));
+  const std::string big(kMaxDatagramBytes, 'z');
+  for (const std::string& data : {std::string("LABELS"), std::string(), big}) {
+    ASSERT_TRUE(a->Send(data));
+  }
+  ASSERT_TRUE(RunUntil(*this, [&] { return got.size() == 3; }));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(std::get<1>(got[i]), "127.0.0.1");
+    EXPECT_EQ(std::get<2>(got[i]), a->LocalPort());
+  }
+  EXPECT_EQ(std::get<0>(got[0]), "LABELS");
+  EXPECT_EQ(std::get<0>(got[1]), "");
+  EXPECT_EQ(std::get<0>(got[2]).size(), big.size());
+  b.reset();  // no event after destruction
+  ASSERT_TRUE(a->Send("late"));
+  this->Pass(20ms);
+  EXPECT_EQ(got.size(), 3u);
+}
+
+// A real client against a real listener: an offered connection not taken
+// is closed; a taken one carries data both ways, reports its send complete
+// and the peer's close. The client keeps unread bytes together.
+TEST(PosixPlatformTest, ListenerOffersConnectionsThatCarryData) {
+  RealDriver d;
+  auto listener = d.p.NewTcpListener();
+  auto client = d.p.NewTcpClient();
+  std::unique_ptr<TcpConnection> server;
+  bool take = false, connected = false, client_closed = false, sent = false, server_closed = false;
+  std::string at_server;
+  int errors = 0;
+  listener->SetOnConnectionRequest([&](int64_t id) {
+    if (!take) return;
+    server = listener->Accept(id);
+    EXPECT_EQ(listener->Accept(id), nullptr) << "taken twice";
+  });
+  client->SetEvents({.on_connect = [&] { connected = true; },
+                     .on_close = [&] { client_closed = true; },
+                     .on_error = [&](int, const std::string&) { ++errors; }});
+  client->Connect("127.0.0.1", 0);
+  ASSERT_TRUE(RunUntil(d, [&] { return errors == 1; })) << "port 0 refused";
+  ASSERT_TRUE(listener->Listen(0));
+  EXPECT_FALSE(d.p.NewTcpListener()->Listen(listener->LocalPort()));
+  client->Connect("127.0.0.1", listener->LocalPort());
+  ASSERT_TRUE(RunUntil(d, [&] { return client_closed; })) << "not taken";
+  take = true;
+  client->Connect("127.0.0.1", listener->LocalPort());
+  ASSERT_TRUE(RunUntil(d, [&] { return server && connected; }));
+  server->SetEvents({.on_data = [&] { at_server += server->ReadAll(); },
+                     .on_send_complete = [&] { sent = true; },
+                     .on_close = [&] { server_closed = true; }});
+  ASSERT_TRUE(client->Send("H:TS"));
+  ASSERT_TRUE(server->Send("1") && server->Send("2\r"));
+  ASSERT_TRUE(RunUntil(d, [&] { return sent && at_server == "H:TS"; }));
+  d.Pass(20ms);
+  EXPECT_EQ(client->ReadAll(), "12\r");
+  client->Close();
+  EXPECT_TRUE(RunUntil(d, [&] { return server_closed; }));
+  EXPECT_EQ(errors, 1);
+}
+
 TEST(PosixPlatformTest, StartProcessRunsExecutableFilesWithoutWaiting) {
   RealDriver d;
   // The runnable script leaves its mark half a second after it started.

@@ -33,7 +33,7 @@ inline constexpr char kLanguage[] =
     "021 Connecting\r\n022 Server closed\r\n023 Retrying\r\n025 Going down\r\n"
     "026 Shutdown in\r\n027 seconds\r\n028 All clear\r\n029 Connected\r\n"
     "030 No answer\r\n031 Mains back\r\n032 Status read\r\n034 Refused\r\n"
-    "033 Unknown reply\r\n042 On mains\r\n051 started\r\n052 failed\r\n"
+    "033 Unknown reply\r\n042 On mains\r\n049 Settings reread\r\n051 started\r\n052 failed\r\n"
     "053 Battery test\r\n";
 
 // Message n (two digits) of the test language file.

@@ -1,0 +1,246 @@
+// The local windows and the control port on the fake platform: every window
+// request with the notice rules, the window sockets' ports, who may speak,
+// the control requests and the slot rotation.
+#include <optional>
+
+#include "tests/unit/program_fixture.h"
+
+namespace kovran_testing {
+namespace {
+
+using platform::FakeTcpPeer;
+using platform::FakeUdpSocket;
+
+constexpr char kWindows[] = "LOCALWINDOWPORT:5000\r\nMAXLOCALUSERS:4\r\n";
+
+struct LocalPortsRig : ProgramRig {
+  explicit LocalPortsRig(const std::string& more = "")
+      : ProgramRig(kOn + std::string(kWindows) + more) {
+    program.Load();
+    main.parts.OPENSNMP = [this] { return calls += "open ", true; };
+    main.parts.CloseSnmpManager = [this] { calls += "close "; };
+    main.parts.DISCOVERAGENTS = [this] { calls += "discover "; };
+  }
+  FakeUdpSocket& window(int i) {
+    return static_cast<FakeUdpSocket&>(*program.windows.Winsock3(i));
+  }
+  // The answer to `request` from window i, or nothing.
+  std::optional<std::string> Ask(int i, const std::string& request,
+                                 const std::string& sender = "127.0.0.1") {
+    const std::size_t before = window(i).sent.size();
+    window(i).Deliver(request, sender);
+    fake.RunReady();
+    if (window(i).sent.size() == before) return std::nullopt;
+    return window(i).sent.back();
+  }
+  std::string calls;
+};
+
+TEST(LocalWindowsTest, RequestsAndNoticesInTheirOrder) {
+  using Setup = std::function<void(frame::ProgramState&)>;
+  const struct {
+    const char* name;
+    Setup setup;
+    int window;
+    std::string request;
+    std::optional<std::string> answer;
+    std::string calls = "";
+    Setup check = [](frame::ProgramState&) {};
+    const char* sender = "127.0.0.1";
+  } cases[] = {
+      {"status line", [](auto& s) { s.STOPPED = 1, s.COMMOK = 0, s.ALARMTEXT = "12"; },
+       1, "LABELSx", "010++Connecting++On mains++12"},
+      {"lower case", {}, 1, "labels", std::nullopt},
+      {"START", {}, 1, "START", std::nullopt, "open ",
+       [](auto& s) { EXPECT_EQ(s.STOPPED, 0); }},
+      {"STOPPED", [](auto& s) { s.STOPPED = 0; }, 2, "STOPPED", std::nullopt,
+       "close ", [](auto& s) { EXPECT_EQ(s.STOPPED, 1); }},
+      {"seven letters", {}, 1, "ENDPROG", std::nullopt},
+      {"discover", {}, 2, "DISCOV", "", "discover ", [](auto& s) {
+         EXPECT_EQ(s.WINDOWMSGS[2], "DISCOVER");
+         EXPECT_EQ(s.DISCOVERREQUEST, 1);
+       }},
+      {"discover result",
+       [](auto& s) { s.WINDOWMSGS[3] = "DISCOVER", s.WINDOWMSG = "DISCOVERa\r\n"; },
+       3, "LABELS", "DISCOVERa\r\n", "",
+       [](auto& s) { EXPECT_EQ(s.WINDOWMSGS[3] + s.WINDOWMSG, ""); }},
+      {"discover pending", [](auto& s) { s.WINDOWMSGS[1] = "DISCOVER"; }, 1,
+       "LABELS", "001++Connecting++On mains++", "",
+       [](auto& s) { EXPECT_EQ(s.WINDOWMSGS[1], "DISCOVER"); }},
+      {"own notice",
+       [](auto& s) { s.WINDOWMSGS[2] = "CLOSE", s.WINDOWMSGS[1] = "SETUPR"; }, 2,
+       "LABELS", "CLOSE", "", [](auto& s) {
+         EXPECT_EQ(s.WINDOWMSGS[2], "");
+         EXPECT_EQ(s.WINDOWMSGS[1], "SETUPR");
+       }},
+      {"end request", [](auto& s) { s.ENDREQUEST = 1, s.WINDOWMSGS[1] = "CLOSE"; },
+       1, "LABELS", "ENDWINDOW"},
+      {"shutdown", [](auto& s) { s.ENDREQUEST = 1, s.SHUTDOWNFLAG = 1; }, 1,
+       "DISCOV", "SHUTDOWN", "discover "},
+      {"window 4 status", {}, 4, "LABELS", std::nullopt},
+      {"window 4 stops", {}, 4, "STOP", std::nullopt, "close "},
+      {"another machine", {}, 1, "STOP", std::nullopt, "",
+       [](auto& s) { EXPECT_EQ(s.STOPPED, 0); }, "10.0.0.9"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    LocalPortsRig rig;
+    rig.s.STATUSTEXT = Text(21), rig.s.COMMOK = 1;
+    if (c.setup) c.setup(rig.s);
+    EXPECT_EQ(rig.Ask(c.window, c.request, c.sender), c.answer);
+    EXPECT_EQ(rig.calls, c.calls);
+    c.check(rig.s);
+  }
+}
+
+TEST(LocalWindowsTest, EndProgramEndsSixSecondsLaterAndSetupRereads) {
+  LocalPortsRig rig("POLLINGTIME:7\r\n");
+  rig.fake.files["/kovran/upsser.cfg"] = "POLLINGTIME:9\r\nCLIENTPORT:99999\r\n";
+  EXPECT_EQ(rig.Ask(2, "SETUPR"), "SETUPR");
+  EXPECT_EQ(rig.s.SETTINGS[frame::POLLINGTIME], "7") << "broken file taken";
+  EXPECT_EQ(rig.LogCount("Settings file /kovran/upsser.cfg line 2: CLIENTPORT: "
+                         "value is not within -32768..32767; the previous "
+                         "settings stay"), 1) << rig.fake.files[kLogFile];
+  EXPECT_EQ(rig.LogCount(Text(49)), 1) << rig.fake.files[kLogFile];
+  EXPECT_THAT(rig.s.WINDOWMSGS, ElementsAre("", "SETUPR", "", "SETUPR"));
+  EXPECT_EQ(rig.Ask(1, "ENDPROGRAM"), std::nullopt);
+  rig.fake.Advance(5999ms);
+  EXPECT_FALSE(rig.fake.ended());
+  rig.fake.Advance(1ms);
+  EXPECT_TRUE(rig.fake.ended());
+}
+
+// A sender missing from the address list makes it be read again, at most
+// once a second.
+TEST(LocalWindowsTest, OnlyThisMachineMaySpeak) {
+  LocalPortsRig rig;
+  EXPECT_TRUE(rig.Ask(1, "LABELS", "192.168.1.20"));
+  EXPECT_FALSE(rig.Ask(1, "LABELS", "10.0.0.7"));
+  rig.fake.network.addresses.push_back("10.0.0.7");
+  rig.fake.Advance(999ms);
+  EXPECT_FALSE(rig.Ask(1, "LABELS", "10.0.0.7"));
+  rig.fake.Advance(1ms);
+  EXPECT_TRUE(rig.Ask(1, "LABELS", "10.0.0.7"));
+}
+
+TEST(LocalWindowsTest, SocketsArePairedUpToTheFirstFailure) {
+  const struct {
+    int base, count, taken;
+    std::vector<int> bound;
+    const char* log;
+  } cases[] = {
+      {4000, 2, 0, {4001, 4003}, nullptr},
+      {4000, 3, 4003, {4001}, " 4000 Local window Port open failed"},
+      {32766, 2, 0, {32767}, " 32766 Local window Port open failed"},
+      {-5, 1, 0, {}, "-5 Local window Port open failed"},
+      {0, 1, 0, {}, " 0 Local window Port open failed"},
+      {5000, 0, 0, {}, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.base);
+    ProgramRig rig("LOCALWINDOWPORT:" + std::to_string(c.base) +
+                   "\r\nMAXLOCALUSERS:" + std::to_string(c.count) + "\r\n");
+    rig.fake.network.taken_udp_ports = {c.taken};
+    rig.program.Load();
+    std::vector<int> bound;
+    for (int i = 1; auto* w = rig.program.windows.Winsock3(i); ++i) {
+      auto& socket = static_cast<FakeUdpSocket&>(*w);
+      bound.push_back(socket.LocalPort());
+      EXPECT_EQ(socket.remote_host(), "192.168.1.20");
+      EXPECT_EQ(socket.remote_port(), socket.LocalPort() - 1);
+    }
+    EXPECT_EQ(bound, c.bound);
+    EXPECT_EQ(rig.LogCount(c.log ? c.log : "Local window Port open failed"),
+              c.log ? 1 : 0);
+  }
+}
+
+TEST(ControlPortTest, Requests) {
+  const struct {
+    std::string request;
+    int platform_number;
+    int16_t stopped;
+    std::string reply;
+    int timer6 = 0;
+  } cases[] = {
+      {"H:TS>IP:10.1.1.1>C:RUNSTATUS\r\n", 2, 0, "1\r"},
+      {"H:TS IP: >C:  RUNSTATUS  ", 2, 1, "2\r"},
+      {"H:TSIP:>C:RUNSTATUS", 2, 7, ""},
+      {"H:TSIP:>C:RUNSTATUS", 1, 1, "3\r"},
+      {"H:Ts>IP:>C:RUNSTATUS", 1, 0, ""},
+      {" H:TS>IP:>C:RUNSTATUS", 1, 0, ""},
+      {"H:TS>IP>C:RUNSTATUS", 1, 0, ""},
+      {"H:TS>IP:>c:RUNSTATUS", 1, 0, ""},
+      {"H:TS>IP:>C:runstatus", 1, 0, ""},
+      {"H:TS>IP:>C:RUNSTATUS+ENDSERWIN+EXITPROGRAM", 1, 0, "OK-ENDSERWIN"},
+      {"H:TS>IP:>C:EXITPROGRAM\r\n", 1, 0, "OK-EXITPROGRAM", 4000},
+      {"H:TS>IP:>C:EXITPROGRAM", 2, 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.request);
+    ControllerRig rig("");
+    rig.fake.platform_number = c.platform_number;
+    rig.s.STOPPED = c.stopped;
+    rig.s.WINDOWMSGS[0] = "zero";
+    EXPECT_EQ(localports::WINDOWCOMMAND(rig.main, c.request), c.reply);
+    EXPECT_EQ(rig.main.Timer6->Interval(), c.timer6);
+    const bool endserwin = c.reply == "OK-ENDSERWIN";
+    EXPECT_THAT(rig.s.WINDOWMSGS,
+                endserwin ? ElementsAre("zero", "ENDWINDOW", "ENDWINDOW", "ENDWINDOW")
+                          : ElementsAre("zero", "", "", ""));
+    EXPECT_EQ(rig.s.WINDOWMSG, endserwin ? "ENDWINDOW" : "");
+    const bool stopsrv = c.platform_number == 2 && c.request.ends_with("EXITPROGRAM");
+    EXPECT_EQ(rig.fake.starts.size(), stopsrv ? 1u : 0u);
+    for (const auto& start : rig.fake.starts) {
+      EXPECT_EQ(start.command_line, "/kovran/STOPSRV.BAT");
+      EXPECT_EQ(start.window_style, platform::kWindowHidden);
+    }
+  }
+}
+
+TEST(ControlPortTest, SlotsRotateAndEndWithTheirConnection) {
+  LocalPortsRig rig;
+  auto& listener = *rig.fake.network.tcp_listeners.at(0);
+  EXPECT_EQ(listener.LocalPort(), 1499);
+  std::vector<std::shared_ptr<FakeTcpPeer>> peers;
+  std::vector<int> slots;
+  for (int n = 0; n < 16; ++n) {
+    peers.push_back(listener.Connect());
+    rig.fake.RunReady();
+    slots.push_back(rig.s.CONTROLSLOT);
+  }
+  EXPECT_EQ(slots, (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13,
+                                     14, 15, 1}));
+  EXPECT_TRUE(peers[0]->destroyed) << "the 16th takes the oldest slot";
+  peers[1]->Deliver("H:TS>IP:>C:RUNSTATUS\r\n");
+  peers[2]->Deliver("H:TS>IP:>C:NOTHING\r\n");
+  peers[3]->Close();
+  peers[4]->RaiseError(10054, "reset");
+  rig.fake.RunReady();
+  EXPECT_EQ(peers[1]->sent, "3\r");
+  EXPECT_TRUE(peers[1]->destroyed && peers[1]->closes == 1);
+  EXPECT_FALSE(peers[2]->destroyed) << "no reply keeps it open";
+  EXPECT_TRUE(peers[3]->destroyed && peers[4]->destroyed);
+  // A request nobody can take is given up after one round of the slots.
+  listener.failing_accepts = 100;
+  listener.Connect();
+  rig.fake.RunReady();
+  EXPECT_EQ(rig.s.CONTROLSLOT, 1);
+  listener.failing_accepts = 2;
+  auto late = listener.Connect();
+  rig.fake.RunReady();
+  EXPECT_EQ(rig.s.CONTROLSLOT, 4);
+  EXPECT_FALSE(late->destroyed);
+  EXPECT_NE(late->connection, nullptr);
+}
+
+TEST(ControlPortTest, PortTakenIsLoggedAndTheProgramRunsOn) {
+  ProgramRig rig;
+  rig.fake.network.taken_tcp_ports = {1499};
+  rig.program.Load();
+  EXPECT_EQ(rig.LogCount("Local control port in use"), 1);
+  EXPECT_EQ(rig.main.phase(), frame::MainWindow::Phase::kRunning);
+}
+
+}  // namespace
+}  // namespace kovran_testing
