@@ -114,11 +114,16 @@ class AsioUdpSocket : public UdpSocket {
             });
             return;
           }
-          Receive(s);
-          if (ec || n > kMaxDatagramBytes || !s->events.on_datagram) return;
+          // Taken before the next receive starts: Asio may complete it at
+          // once into the same buffer and sender.
+          const bool deliver = !ec && n <= kMaxDatagramBytes;
+          const std::string data = deliver ? std::string(s->buffer.data(), n) : "";
           const std::string sender = s->sender.address().to_string();
-          s->events.on_datagram(std::string(s->buffer.data(), n), sender,
-                                s->sender.port());
+          const int sender_port = s->sender.port();
+          Receive(s);
+          if (deliver && s->events.on_datagram) {
+            s->events.on_datagram(data, sender, sender_port);
+          }
         });
   }
 

@@ -74,6 +74,7 @@ class Program {
     if (Running() && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
   }
 
+  pid_t pid() const { return pid_; }
   bool Running() {
     if (!ended_) ended_ = ::waitpid(pid_, &status_, WNOHANG) == pid_;
     return !ended_;

@@ -1,0 +1,176 @@
+// The local windows and the control port of the real program, through real
+// sockets: what a window and a control client see on the wire.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+
+#include "gmock/gmock.h"
+#include "tests/integration/harness.h"
+
+namespace kovran::integration {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+
+sockaddr_in Address(const char* host, int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  ::inet_pton(AF_INET, host, &a.sin_addr);
+  return a;
+}
+
+// A socket bound to `port` on every address with a receive timeout.
+int Bound(int type, int port, int timeout_ms = 300) {
+  const int fd = ::socket(AF_INET, type, 0);
+  const timeval tv{timeout_ms / 1000, timeout_ms % 1000 * 1000};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  const sockaddr_in a = Address("0.0.0.0", port);
+  if (port != 0) {
+    EXPECT_EQ(::bind(fd, (const sockaddr*)&a, sizeof a), 0) << port;
+  }
+  return fd;
+}
+
+// Local window 1 of the shipped settings: listens on 5000, speaks to 5001.
+struct Window {
+  ~Window() { ::close(fd); }
+  // The answer, or "(none)" when none came within 300 ms.
+  std::string Ask(const std::string& request) {
+    const sockaddr_in to = Address("127.0.0.1", 5001);
+    ::sendto(fd, request.data(), request.size(), 0, (const sockaddr*)&to, sizeof to);
+    char buffer[70000];
+    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    return n < 0 ? "(none)" : std::string(buffer, n);
+  }
+  int fd = Bound(SOCK_DGRAM, 5000);
+};
+
+// Connects to the control port; the reply up to the program's close, or
+// what came before a 2 s silence.
+struct Control {
+  explicit Control(const char* host = "127.0.0.1") {
+    const sockaddr_in a = Address(host, 1499);
+    connected = ::connect(fd, (const sockaddr*)&a, sizeof a) == 0;
+  }
+  ~Control() { ::close(fd); }
+  std::string Ask(const std::string& command) {
+    const std::string request = "H:TS>IP:127.0.0.1>C:" + command + "\r\n";
+    ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    return Rest();
+  }
+  std::string Rest() {
+    std::string reply;
+    char buffer[256];
+    ssize_t n;
+    while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0) reply.append(buffer, n);
+    closed = n == 0 || errno == ECONNRESET;
+    return reply;
+  }
+  int fd = Bound(SOCK_STREAM, 0, 2000);
+  bool connected = false, closed = false;
+};
+
+std::string Shell(const std::string& command) {
+  std::string out;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  for (int c; pipe && (c = std::fgetc(pipe)) != EOF;) out += char(c);
+  if (pipe) ::pclose(pipe);
+  return out;
+}
+
+TEST(LocalPortsTest, WindowSeesTheCountdownThenShutdown) {
+  ProgramFolder folder;
+  folder.SetSetting("POLLINGTIME:1");
+  folder.Write("script", "0 #100000000006000Power failure\n");
+  folder.Start({PAVO_SIM_BINARY, "--port", "3052", "--script", folder.Path("script")});
+  folder.Start();
+  Window window;
+  // The alarm, watching, the link OK, then the three texts, the seconds left.
+  const std::regex counting(R"(101\+\+[^+]+\+\+Power failure\+\+\D*\d+\D*)");
+  std::string last;
+  ASSERT_TRUE(WaitUntil([&] {
+    return std::regex_match(last = window.Ask("LABELS"), counting);
+  })) << last;
+  ASSERT_TRUE(WaitUntil([&] { return (last = window.Ask("LABELS")) == "SHUTDOWN"; }));
+  EXPECT_EQ(window.Ask("SETUPR"), "SHUTDOWN");
+}
+
+// The control port taken by another program: logged, and the rest runs.
+TEST(LocalPortsTest, EndProgramEndsSixSecondsLater) {
+  ProgramFolder folder;
+  const int other = Bound(SOCK_STREAM, 1499);
+  ASSERT_EQ(::listen(other, 1), 0);
+  Program& program = folder.Start();
+  ASSERT_TRUE(folder.WaitForLog(kStartLine));
+  Window window;
+  EXPECT_THAT(window.Ask("LABELS"), MatchesRegex(R"(000\+\+.*\+\+.*\+\+.*)"));
+  const std::string status =
+      Shell(KOVRANCTL_BINARY " status --window 2 --config " + folder.Path("upsser.cfg"));
+  EXPECT_THAT(status, ::testing::HasSubstr("watching")) << status;
+  const auto asked = Clock::now();
+  EXPECT_EQ(window.Ask("ENDPROGRAM"), "(none)");
+  EXPECT_EQ(window.Ask("LABELS"), "ENDWINDOW");
+  EXPECT_EQ(program.WaitForExit(), 0);
+  EXPECT_GE(Clock::now() - asked, std::chrono::seconds(6));
+  EXPECT_THAT(folder.Log(),
+              ElementsAre(kStartLine, "Local control port in use", kEndLine));
+  ::close(other);
+}
+
+TEST(LocalPortsTest, ControlPortAnswersAndRotatesItsSlots) {
+  ProgramFolder folder;
+  Program& program = folder.Start();
+  ASSERT_TRUE(folder.WaitForLog(kStartLine));
+  {
+    Control runstatus;
+    EXPECT_EQ(runstatus.Ask("RUNSTATUS"), "3\r");
+    EXPECT_TRUE(runstatus.closed) << "closed after the reply";
+  }
+  std::vector<std::unique_ptr<Control>> open;
+  for (int i = 0; i < 16; ++i) open.push_back(std::make_unique<Control>());
+  EXPECT_EQ(open[0]->Rest(), "");
+  EXPECT_TRUE(open[0]->closed) << "the 16th took the first one's slot";
+  EXPECT_EQ(open[1]->Ask("UNKNOWN"), "");
+  EXPECT_FALSE(open[1]->closed) << "no reply keeps it open";
+  Window window;
+  EXPECT_EQ(Control().Ask("ENDSERWIN"), "OK-ENDSERWIN");
+  EXPECT_EQ(window.Ask("LABELS"), "ENDWINDOW");
+  const auto asked = Clock::now();
+  EXPECT_EQ(Control().Ask("EXITPROGRAM"), "OK-EXITPROGRAM");
+  EXPECT_EQ(program.WaitForExit(), 0);
+  EXPECT_GE(Clock::now() - asked, std::chrono::seconds(4));
+}
+
+// A second namespace joined by a veth pair plays another host on the LAN:
+// it reaches the control port, but its window requests are dropped.
+TEST(LocalPortsTest, WindowRequestsFromAnotherHostAreDropped) {
+  ProgramFolder folder;
+  Program& remote = folder.Start({"/usr/bin/unshare", "-n", "sleep", "600"});
+  const std::string ns = "/proc/" + std::to_string(remote.pid()) + "/ns/net";
+  ASSERT_TRUE(WaitUntil([&] { return fs::read_symlink(ns) != fs::read_symlink("/proc/self/ns/net"); }));
+  const std::string in_remote = "nsenter --net=" + ns + " ";
+  ASSERT_EQ(std::system(("ip link add kv0 type veth peer name kv1 netns " +
+                         std::to_string(remote.pid()) +
+                         " && ip addr add 10.9.0.1/24 dev kv0 && ip link set kv0 up && " +
+                         in_remote + "sh -c 'ip addr add 10.9.0.2/24 dev kv1 && ip link set kv1 up'")
+                            .c_str()),
+            0);
+  folder.Start();
+  ASSERT_TRUE(folder.WaitForLog(kStartLine));
+  Window window;
+  EXPECT_EQ(Shell(in_remote + "bash -c 'exec 3<>/dev/tcp/10.9.0.1/1499; "
+                              "printf \"H:TS>IP:x>C:RUNSTATUS\" >&3; head -c 2 <&3'"),
+            "3\r");
+  Shell(in_remote + "bash -c 'printf STOP >/dev/udp/10.9.0.1/5001'");
+  EXPECT_THAT(window.Ask("LABELS"), MatchesRegex("00.\\+\\+.*")) << "a remote STOP";
+  // An interface address of this machine is a local sender.
+  Shell("bash -c 'printf STOP >/dev/udp/10.9.0.1/5001'");
+  EXPECT_THAT(window.Ask("LABELS"), MatchesRegex("01.\\+\\+.*"));
+}
+
+}  // namespace
+}  // namespace kovran::integration
