@@ -48,14 +48,16 @@ TEST(LocalWindowsTest, RequestsAndNoticesInTheirOrder) {
     Setup check = [](frame::ProgramState&) {};
     const char* sender = "127.0.0.1";
   } cases[] = {
-      {"status line", [](auto& s) { s.STOPPED = 1, s.COMMOK = 0, s.ALARMTEXT = "12"; },
-       1, "LABELSx", "010++Connecting++On mains++12"},
+      {"status line", [](auto& s) {
+         s.STOPPED = 1, s.COMMOK = 0, s.ALARMTEXT = "12", s.WINDOWMSG = "DISCOVERa";
+       }, 1, "LABELSx", "010++Connecting++On mains++12"},
       {"lower case", {}, 1, "labels", std::nullopt},
-      {"START", {}, 1, "START", std::nullopt, "open ",
+      {"START", [](auto& s) { s.STOPPED = 1; }, 1, "START", std::nullopt, "open ",
        [](auto& s) { EXPECT_EQ(s.STOPPED, 0); }},
       {"STOPPED", [](auto& s) { s.STOPPED = 0; }, 2, "STOPPED", std::nullopt,
        "close ", [](auto& s) { EXPECT_EQ(s.STOPPED, 1); }},
-      {"seven letters", {}, 1, "ENDPROG", std::nullopt},
+      {"seven letters", {}, 1, "ENDPROG", std::nullopt, "",
+       [](auto& s) { EXPECT_EQ(s.ENDREQUEST, 0); }},
       {"discover", {}, 2, "DISCOV", "", "discover ", [](auto& s) {
          EXPECT_EQ(s.WINDOWMSGS[2], "DISCOVER");
          EXPECT_EQ(s.DISCOVERREQUEST, 1);
@@ -77,6 +79,8 @@ TEST(LocalWindowsTest, RequestsAndNoticesInTheirOrder) {
        1, "LABELS", "ENDWINDOW"},
       {"shutdown", [](auto& s) { s.ENDREQUEST = 1, s.SHUTDOWNFLAG = 1; }, 1,
        "DISCOV", "SHUTDOWN", "discover "},
+      {"SNMP mode", [](auto& s) { s.SETTINGS[frame::CONNECTION] = "SNMP"; }, 1,
+       "DISCOV", "", "", [](auto& s) { EXPECT_EQ(s.DISCOVERREQUEST, 1); }},
       {"window 4 status", {}, 4, "LABELS", std::nullopt},
       {"window 4 stops", {}, 4, "STOP", std::nullopt, "close "},
       {"another machine", {}, 1, "STOP", std::nullopt, "",
@@ -108,6 +112,7 @@ TEST(LocalWindowsTest, EndProgramEndsSixSecondsLaterAndSetupRereads) {
   EXPECT_FALSE(rig.fake.ended());
   rig.fake.Advance(1ms);
   EXPECT_TRUE(rig.fake.ended());
+  EXPECT_TRUE(rig.fake.network.udp_sockets.empty()) << "unload closes them";
 }
 
 // A sender missing from the address list makes it be read again, at most
@@ -171,6 +176,7 @@ TEST(ControlPortTest, Requests) {
       {" H:TS>IP:>C:RUNSTATUS", 1, 0, ""},
       {"H:TS>IP>C:RUNSTATUS", 1, 0, ""},
       {"H:TS>IP:>c:RUNSTATUS", 1, 0, ""},
+      {"H:TS>IP:RUNSTATUS>C:", 1, 0, ""},
       {"H:TS>IP:>C:runstatus", 1, 0, ""},
       {"H:TS>IP:>C:RUNSTATUS+ENDSERWIN+EXITPROGRAM", 1, 0, "OK-ENDSERWIN"},
       {"H:TS>IP:>C:EXITPROGRAM\r\n", 1, 0, "OK-EXITPROGRAM", 4000},
