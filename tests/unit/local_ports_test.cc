@@ -137,6 +137,7 @@ TEST(LocalWindowsTest, SocketsArePairedUpToTheFirstFailure) {
       {4000, 2, 0, {4001, 4003}, nullptr},
       {4000, 3, 4003, {4001}, " 4000 Local window Port open failed"},
       {32766, 2, 0, {32767}, " 32766 Local window Port open failed"},
+      {32767, 1, 0, {}, " 32767 Local window Port open failed"},
       {-5, 1, 0, {}, "-5 Local window Port open failed"},
       {0, 1, 0, {}, " 0 Local window Port open failed"},
       {5000, 0, 0, {}, nullptr},

@@ -198,9 +198,9 @@ TEST(PosixPlatformTest, ListenerOffersConnectionsThatCarryData) {
   auto listener = d.p.NewTcpListener();
   auto client = d.p.NewTcpClient();
   std::unique_ptr<TcpConnection> server;
-  bool take = false, connected = false, client_closed = false, sent = false, server_closed = false;
+  bool take = false, connected = false, client_closed = false, server_closed = false;
   std::string at_server;
-  int errors = 0;
+  int errors = 0, sends_complete = 0;
   listener->SetOnConnectionRequest([&](int64_t id) {
     if (!take) return;
     server = listener->Accept(id);
@@ -219,13 +219,14 @@ TEST(PosixPlatformTest, ListenerOffersConnectionsThatCarryData) {
   client->Connect("127.0.0.1", listener->LocalPort());
   ASSERT_TRUE(RunUntil(d, [&] { return server && connected; }));
   server->SetEvents({.on_data = [&] { at_server += server->ReadAll(); },
-                     .on_send_complete = [&] { sent = true; },
+                     .on_send_complete = [&] { ++sends_complete; },
                      .on_close = [&] { server_closed = true; }});
   ASSERT_TRUE(client->Send("H:TS"));
   ASSERT_TRUE(server->Send("1") && server->Send("2\r"));
-  ASSERT_TRUE(RunUntil(d, [&] { return sent && at_server == "H:TS"; }));
+  ASSERT_TRUE(RunUntil(d, [&] { return sends_complete && at_server == "H:TS"; }));
   d.Pass(20ms);
   EXPECT_EQ(client->ReadAll(), "12\r");
+  EXPECT_EQ(sends_complete, 1) << "once, when both sends have gone";
   client->Close();
   EXPECT_TRUE(RunUntil(d, [&] { return server_closed; }));
   EXPECT_EQ(errors, 1);
