@@ -11,30 +11,15 @@
 #include <string>
 #include <vector>
 
-#include "app/program.h"
-#include "platform/fake_platform.h"
-#include "tests/fuzz/fuzz_check.h"
+#include "tests/fuzz/fuzz_program.h"
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  platform::FakePlatform fake;
-  fake.platform_number = data[0] & 1 ? platform::kPlatformNt : 1;
-  fake.files["/kovran/CRKOVRA.BAT"] = "";  // the service is installed
-  fake.folders.insert("/kovran/SERLOGS");
-  fake.files["/kovran/upsser.cfg"] =
-      "HOST:127.0.0.1\r\nCLIENTPORT:3052\r\nPOLLINGTIME:1\r\nENABLESHUT:1\r\n";
-  fake.files["/kovran/LANGSE1.TXT"] = "051 started\r\n";
-  app::Program program(fake);
-  program.Load();
-  const frame::ProgramState& s = program.main.state;
-  fake.Advance(seconds(1));
-  platform::FakeTcpClient& server = *fake.tcp_clients.at(0);
-  server.Accept();
-  server.Deliver("#100000000030000Power failure\r\n");
-  fake.RunReady();
+  CountingDown run("", data[0] & 1 ? platform::kPlatformNt : 1);
+  platform::FakePlatform& fake = run.fake;
+  const frame::ProgramState& s = run.s;
   auto& listener = *fake.network.tcp_listeners.at(0);
   std::vector<std::shared_ptr<platform::FakeTcpPeer>> peers;
 
@@ -62,7 +47,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     FUZZ_CHECK(fake.ended() || (s.SHUTDOWNFLAG >= flag_before &&
                                 s.CONTROLSLOT >= 0 && s.CONTROLSLOT <= 15));
   }
-  fake.Advance(seconds(62));
-  FUZZ_CHECK(fake.ended() && fake.exit_code() == frame::kExitNormal);
+  run.ExpectOrderlyEnd();
   return 0;
 }

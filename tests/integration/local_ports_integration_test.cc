@@ -23,11 +23,15 @@ sockaddr_in Address(const char* host, int port) {
   return a;
 }
 
-// A socket bound to `port` on every address with a receive timeout.
-int Bound(int type, int port, int timeout_ms = 300) {
-  const int fd = ::socket(AF_INET, type, 0);
-  const timeval tv{timeout_ms / 1000, timeout_ms % 1000 * 1000};
+void SetTimeout(int fd, int ms) {
+  const timeval tv{ms / 1000, ms % 1000 * 1000};
   ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+}
+
+// A socket bound to `port` on every address, with a 2 s receive timeout.
+int Bound(int type, int port) {
+  const int fd = ::socket(AF_INET, type, 0);
+  SetTimeout(fd, 2000);
   const sockaddr_in a = Address("0.0.0.0", port);
   if (port != 0) {
     EXPECT_EQ(::bind(fd, (const sockaddr*)&a, sizeof a), 0) << port;
@@ -38,13 +42,20 @@ int Bound(int type, int port, int timeout_ms = 300) {
 // Local window 1 of the shipped settings: listens on 5000, speaks to 5001.
 struct Window {
   ~Window() { ::close(fd); }
-  // The answer, or "(none)" when none came within 300 ms.
-  std::string Ask(const std::string& request) {
+  // The answer, or "(none)" when none came within `wait_ms`.
+  std::string Ask(const std::string& request, int wait_ms = 2000) {
+    char buffer[70000];
+    while (::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) >= 0) continue;  // late ones
+    SetTimeout(fd, wait_ms);
     const sockaddr_in to = Address("127.0.0.1", 5001);
     ::sendto(fd, request.data(), request.size(), 0, (const sockaddr*)&to, sizeof to);
-    char buffer[70000];
     const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
     return n < 0 ? "(none)" : std::string(buffer, n);
+  }
+  // The program has bound its sockets, which it does at start-up right
+  // before it opens the control port.
+  bool Ready() {
+    return WaitUntil([&] { return Ask("LABELS", 100) != "(none)"; });
   }
   int fd = Bound(SOCK_DGRAM, 5000);
 };
@@ -52,9 +63,9 @@ struct Window {
 // Connects to the control port; the reply up to the program's close, or
 // what came before a 2 s silence.
 struct Control {
-  explicit Control(const char* host = "127.0.0.1") {
-    const sockaddr_in a = Address(host, 1499);
-    connected = ::connect(fd, (const sockaddr*)&a, sizeof a) == 0;
+  Control() {
+    const sockaddr_in a = Address("127.0.0.1", 1499);
+    EXPECT_EQ(::connect(fd, (const sockaddr*)&a, sizeof a), 0);
   }
   ~Control() { ::close(fd); }
   std::string Ask(const std::string& command) {
@@ -70,8 +81,8 @@ struct Control {
     closed = n == 0 || errno == ECONNRESET;
     return reply;
   }
-  int fd = Bound(SOCK_STREAM, 0, 2000);
-  bool connected = false, closed = false;
+  int fd = Bound(SOCK_STREAM, 0);
+  bool closed = false;
 };
 
 std::string Shell(const std::string& command) {
@@ -105,15 +116,15 @@ TEST(LocalPortsTest, EndProgramEndsSixSecondsLater) {
   const int other = Bound(SOCK_STREAM, 1499);
   ASSERT_EQ(::listen(other, 1), 0);
   Program& program = folder.Start();
-  ASSERT_TRUE(folder.WaitForLog(kStartLine));
   Window window;
+  ASSERT_TRUE(window.Ready());
   EXPECT_THAT(window.Ask("LABELS"), MatchesRegex(R"(000\+\+.*\+\+.*\+\+.*)"));
   const std::string status =
       Shell(KOVRANCTL_BINARY " status --window 2 --config " + folder.Path("upsser.cfg"));
   EXPECT_THAT(status, ::testing::StartsWith(
                           "watching on\nserver link lost\nalarm raised no\n"));
   const auto asked = Clock::now();
-  EXPECT_EQ(window.Ask("ENDPROGRAM"), "(none)");
+  EXPECT_EQ(window.Ask("ENDPROGRAM", 300), "(none)");
   EXPECT_EQ(window.Ask("LABELS"), "ENDWINDOW");
   EXPECT_EQ(program.WaitForExit(), 0);
   EXPECT_GE(Clock::now() - asked, std::chrono::seconds(6));
@@ -125,7 +136,8 @@ TEST(LocalPortsTest, EndProgramEndsSixSecondsLater) {
 TEST(LocalPortsTest, ControlPortAnswersAndRotatesItsSlots) {
   ProgramFolder folder;
   Program& program = folder.Start();
-  ASSERT_TRUE(folder.WaitForLog(kStartLine));
+  Window window;
+  ASSERT_TRUE(window.Ready());
   {
     Control runstatus;
     EXPECT_EQ(runstatus.Ask("RUNSTATUS"), "3\r");
@@ -137,7 +149,6 @@ TEST(LocalPortsTest, ControlPortAnswersAndRotatesItsSlots) {
   EXPECT_TRUE(open[0]->closed) << "the 16th took the first one's slot";
   EXPECT_EQ(open[1]->Ask("UNKNOWN"), "");
   EXPECT_FALSE(open[1]->closed) << "no reply keeps it open";
-  Window window;
   EXPECT_EQ(Control().Ask("ENDSERWIN"), "OK-ENDSERWIN");
   EXPECT_EQ(window.Ask("LABELS"), "ENDWINDOW");
   const auto asked = Clock::now();
@@ -161,8 +172,8 @@ TEST(LocalPortsTest, WindowRequestsFromAnotherHostAreDropped) {
                             .c_str()),
             0);
   folder.Start();
-  ASSERT_TRUE(folder.WaitForLog(kStartLine));
   Window window;
+  ASSERT_TRUE(window.Ready());
   EXPECT_EQ(Shell(in_remote + "bash -c 'exec 3<>/dev/tcp/10.9.0.1/1499; "
                               "printf \"H:TS>IP:x>C:RUNSTATUS\" >&3; head -c 2 <&3'"),
             "3\r");
