@@ -167,14 +167,11 @@ TYPED_TEST(PlatformContractTest, DatagramsArriveWholeWithTheirSender) {
                                    const std::string& from, int port) {
     got.emplace_back(data, from, port);
   }});
-  EXPECT_FALSE(a->Send("x")) << "unbound, no remote";
   ASSERT_TRUE(a->Bind(0) && b->Bind(0));
   EXPECT_FALSE(c->Bind(b->LocalPort())) << "taken";
   EXPECT_EQ(c->LocalPort(), 0);
-  for (auto [host, port] : {std::pair("ups.example", 1), {"127.0.0.1", 0},
-                            {"127.0.0.1", 65536}}) {
-    EXPECT_FALSE(a->SetRemote(host, port)) << host << ":" << port;
-  }
+  EXPECT_FALSE(a->SetRemote("ups.example", 1) || a->SetRemote("127.0.0.1", 0) ||
+               a->SetRemote("127.0.0.1", 65536));
   ASSERT_TRUE(a->SetRemote("127.0.0.1", b->LocalPort()));
   // Back to back, so that each arrives while the one before is delivered.
   const std::vector<std::string> sent = {"LABELS", "STAR", "",
