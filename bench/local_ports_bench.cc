@@ -77,6 +77,7 @@
 #include <vector>
 
 #include "app/program.h"
+#include "bench/pavo_server.h"
 #include "platform/posix_platform.h"
 #include "platform/timer_schedule.h"
 
@@ -572,66 +573,6 @@ class BenchPlatform : public platform::PosixPlatform {
   int timers_ = 0;
 };
 
-// A PAVO server on 127.0.0.1 (a free port below 32768, CLIENTPORT being a
-// 16-bit signed setting) on the load core: "on mains" for the first two
-// polls, the power failure with time field `seconds` afterwards.
-class PavoServer {
- public:
-  explicit PavoServer(int seconds) : failure_(FailureRecord(seconds) + "\r\n") {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int base = 10000 + ::getpid() % 5000 * 4;
-    for (port_ = base; port_ < base + 1000; ++port_) {
-      sockaddr_in address = Loopback(port_);
-      if (::bind(listener_, reinterpret_cast<sockaddr*>(&address),
-                 sizeof address) == 0) {
-        break;
-      }
-    }
-    if (port_ == base + 1000 || ::listen(listener_, 4) != 0) {
-      std::perror("PAVO server");
-      std::exit(1);
-    }
-    thread_ = std::thread([this] { Serve(); });
-  }
-  ~PavoServer() {
-    stop_ = true;
-    thread_.join();
-    ::close(listener_);
-  }
-  int port() const { return port_; }
-
- private:
-  void Serve() {
-    PinThisThread(kLoadCore);
-    for (int polls = 0; !stop_;) {
-      pollfd p{listener_, POLLIN, 0};
-      if (::poll(&p, 1, 100) <= 0) continue;
-      const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (client < 0) continue;
-      std::string line;
-      char buffer[256];
-      for (pollfd c{client, POLLIN, 0};
-           line.find("\r\n") == std::string::npos && ::poll(&c, 1, 2000) > 0;) {
-        const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
-        if (n <= 0) break;
-        line.append(buffer, static_cast<std::size_t>(n));
-      }
-      if (line.starts_with("H:CL10>IP:")) {
-        const std::string record =
-            ++polls > 2 ? failure_ : std::string(kMainsRecord) + "\r\n";
-        ::send(client, record.data(), record.size(), MSG_NOSIGNAL);
-      }
-      ::close(client);
-    }
-  }
-
-  std::string failure_;
-  int listener_ = -1;
-  int port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
-
 // A thread on the program's core that sleeps to absolute moments 10 ms
 // apart and records how late it wakes, in ms: the delay that the machine's
 // other work (the load's kernel side, other processes) puts on any thread
@@ -738,7 +679,7 @@ struct LatenessTotals {
 };
 
 bool LatenessRun(int seconds, LatenessTotals& totals) {
-  PavoServer server(seconds);
+  bench::PavoServer server(seconds, 2, [] { PinThisThread(kLoadCore); });
   const fs::path folder = MakeFolder("kovran-lports-run", server.port());
   PinThisThread(kProgramCore);
   LatenessTable lateness;
