@@ -197,13 +197,14 @@ TEST(PosixPlatformTest, ListenerOffersConnectionsThatCarryData) {
   std::unique_ptr<TcpConnection> server;
   bool take = false, connected = false, client_closed = false, server_closed = false;
   std::string at_server;
-  int errors = 0, sends_complete = 0;
+  int errors = 0, sends_complete = 0, arrivals = 0;
   listener->SetOnConnectionRequest([&](int64_t id) {
     if (!take) return;
     server = listener->Accept(id);
     EXPECT_EQ(listener->Accept(id), nullptr) << "taken twice";
   });
   client->SetEvents({.on_connect = [&] { connected = true; },
+                     .on_data = [&] { ++arrivals; },
                      .on_close = [&] { client_closed = true; },
                      .on_error = [&](int, const std::string&) { ++errors; }});
   client->Connect("127.0.0.1", 0);
@@ -219,11 +220,12 @@ TEST(PosixPlatformTest, ListenerOffersConnectionsThatCarryData) {
                      .on_send_complete = [&] { ++sends_complete; },
                      .on_close = [&] { server_closed = true; }});
   ASSERT_TRUE(client->Send("H:TS"));
-  ASSERT_TRUE(server->Send("1") && server->Send("2\r"));
+  ASSERT_TRUE(server->Send("1") && RunUntil(d, [&] { return arrivals == 1; }));
+  ASSERT_TRUE(server->Send("2") && server->Send("\r"));
   ASSERT_TRUE(RunUntil(d, [&] { return sends_complete && at_server == "H:TS"; }));
-  d.Pass(20ms);
-  EXPECT_EQ(client->ReadAll(), "12\r");
-  EXPECT_EQ(sends_complete, 1) << "once, when both sends have gone";
+  ASSERT_TRUE(RunUntil(d, [&] { return arrivals >= 2; }));
+  EXPECT_EQ(client->ReadAll(), "12\r") << "unread bytes kept together";
+  EXPECT_EQ(sends_complete, 2) << "once for \"1\", once when \"2\" and CR had gone";
   client->Close();
   EXPECT_TRUE(RunUntil(d, [&] { return server_closed; }));
   EXPECT_EQ(errors, 1);
