@@ -122,8 +122,7 @@ class MainWindow {
   std::unique_ptr<platform::Timer> Timer6;  // end-program
   std::unique_ptr<platform::Timer> Timer7;  // exit
 
-  // The list controls: the trace of the last SNMP poll, the agents found.
-  std::vector<std::string> List1;
+  // The list control of the agents a discovery found.
   std::vector<std::string> List2;
 
  private:
