@@ -81,6 +81,9 @@ class BenchPlatform : public platform::Platform {
     real_.Post(std::move(task));
   }
   void Yield() override { real_.Yield(); }
+  bool RunUntil(const std::function<bool()>& done, double deadline) override {
+    return real_.RunUntil(done, deadline);
+  }
   void EndNow(int exit_code) override { real_.EndNow(exit_code); }
   void SetCloseHandler(std::function<void()> f) override {
     real_.SetCloseHandler(std::move(f));
@@ -118,6 +121,9 @@ class BenchPlatform : public platform::Platform {
   std::string LocalIPv4Address() override { return real_.LocalIPv4Address(); }
   std::vector<std::string> LocalAddresses() override {
     return real_.LocalAddresses();
+  }
+  std::string ResolveIPv4(const std::string& host) override {
+    return real_.ResolveIPv4(host);
   }
   std::unique_ptr<platform::UdpSocket> NewUdpSocket() override {
     return real_.NewUdpSocket();

@@ -91,6 +91,9 @@ class AsioUdpSocket : public UdpSocket {
   bool Send(const std::string& bytes) override {
     if (!shared_->socket.is_open() || remote_.port() == 0) return false;
     asio::error_code ec;
+    if (remote_.address() == asio::ip::address_v4::broadcast()) {
+      shared_->socket.set_option(asio::socket_base::broadcast(true), ec);
+    }
     shared_->socket.send_to(asio::buffer(bytes), remote_, 0, ec);
     return !ec;
   }
@@ -317,6 +320,18 @@ class AsioTcpListener : public TcpListener {
 };
 
 }  // namespace
+
+std::string AsioResolveIPv4(asio::io_context& io, const std::string& host) {
+  asio::error_code ec;
+  const auto address = asio::ip::make_address_v4(host, ec);
+  if (!ec) return address.to_string();
+  if (host.empty()) return "";
+  udp::resolver resolver(io);
+  for (const auto& entry : resolver.resolve(udp::v4(), host, "", ec)) {
+    if (!ec) return entry.endpoint().address().to_string();
+  }
+  return "";
+}
 
 std::unique_ptr<UdpSocket> NewAsioUdpSocket(asio::io_context& io) {
   return std::make_unique<AsioUdpSocket>(io);

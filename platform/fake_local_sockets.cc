@@ -64,7 +64,10 @@ bool FakeUdpSocket::Bind(int port) {
 bool FakeUdpSocket::Send(const std::string& bytes) {
   if (port_ == 0 || remote_port_ == 0) return false;
   sent.push_back(bytes);
-  if (!net_.IsLocal(remote_host_)) return true;
+  if (!net_.IsLocal(remote_host_)) {
+    if (net_.on_remote_send) net_.on_remote_send(*this, remote_host_, remote_port_, bytes);
+    return true;
+  }
   auto it = net_.udp_bound.find(remote_port_);
   if (it != net_.udp_bound.end()) it->second->Deliver(bytes, remote_host_, port_);
   return true;

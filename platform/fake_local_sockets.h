@@ -5,6 +5,7 @@
 #ifndef KOVRAN_PLATFORM_FAKE_LOCAL_SOCKETS_H_
 #define KOVRAN_PLATFORM_FAKE_LOCAL_SOCKETS_H_
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -41,6 +42,11 @@ struct FakeNetwork {
   std::vector<FakeUdpSocket*> udp_sockets;  // live ones, in order of making
   std::vector<FakeTcpListener*> tcp_listeners;
   std::vector<std::shared_ptr<FakeTcpPeer>> tcp_peers;  // every accepted one
+  // The wire beyond this machine: called with each datagram a socket sends
+  // to an address that is not local (a test plays the peers there).
+  std::function<void(FakeUdpSocket& from, const std::string& to_host,
+                     int to_port, const std::string& data)>
+      on_remote_send;
 
   bool IsLocal(const std::string& host) const;
 };

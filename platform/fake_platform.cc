@@ -79,6 +79,41 @@ void FakePlatform::RunReady() {
 
 void FakePlatform::Yield() { RunReady(); }
 
+bool FakePlatform::RunUntil(const std::function<bool()>& done,
+                            double deadline_seconds) {
+  const auto deadline = std::chrono::duration_cast<Duration>(
+      std::chrono::duration<double>(deadline_seconds));
+  while (!ended_) {
+    RunReady();
+    if (done() || !FireNextDue(deadline)) break;
+  }
+  if (!ended_ && !done() && now_ < deadline) now_ = deadline;
+  return done();
+}
+
+void FakePlatform::At(Duration delay, std::function<void()> task) {
+  if (delay < std::chrono::milliseconds(1)) return Post(std::move(task));
+  auto slot = std::make_shared<TimerSlot>();
+  slot->schedule.SetInterval(
+      static_cast<int32_t>(
+          std::chrono::duration_cast<std::chrono::milliseconds>(delay).count()),
+      now_);
+  slot->on_expiry = [slot = slot.get(), task = std::move(task)] {
+    slot->alive = false;
+    slot->schedule.SetEnabled(false, {});
+    task();
+  };
+  timers_.push_back(std::move(slot));
+}
+
+std::string FakePlatform::ResolveIPv4(const std::string& host) {
+  if (!host.empty() && host.find_first_not_of("0123456789.") == std::string::npos) {
+    return host;
+  }
+  const auto it = hosts.find(host);
+  return it == hosts.end() ? "" : it->second;
+}
+
 void FakePlatform::Advance(Duration d) {
   const Duration end = now_ + d;
   while (!ended_) {

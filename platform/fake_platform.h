@@ -40,6 +40,9 @@ class FakePlatform : public Platform {
   void Advance(Duration d);
   // Runs posted tasks and timers due now, without moving time.
   void RunReady();
+  // Runs `task` once, `delay` from now, as an event of the loop (a reply
+  // coming over the network, say).
+  void At(Duration delay, std::function<void()> task);
   // Virtual time since the fake was made.
   Duration Now() const { return now_; }
 
@@ -64,6 +67,8 @@ class FakePlatform : public Platform {
   std::set<std::string> unwritable;
 
   std::string local_ipv4 = "192.168.1.20";
+  // Names ResolveIPv4 knows; a dotted address resolves to itself.
+  std::map<std::string, std::string> hosts;
   // The TCP clients the program made, in order of making; destroyed ones
   // are removed.
   std::vector<FakeTcpClient*> tcp_clients;
@@ -92,6 +97,8 @@ class FakePlatform : public Platform {
   std::unique_ptr<Timer> NewTimer(std::function<void()> on_expiry) override;
   void Post(std::function<void()> task) override;
   void Yield() override;
+  bool RunUntil(const std::function<bool()>& done,
+                double deadline_seconds) override;
   void EndNow(int exit_code) override;
   void SetCloseHandler(std::function<void()> on_close) override;
   double SteadySeconds() override {
@@ -111,6 +118,7 @@ class FakePlatform : public Platform {
   std::unique_ptr<TcpClient> NewTcpClient() override;
   std::string LocalIPv4Address() override { return local_ipv4; }
   std::vector<std::string> LocalAddresses() override { return network.addresses; }
+  std::string ResolveIPv4(const std::string& host) override;
   std::unique_ptr<UdpSocket> NewUdpSocket() override {
     return std::make_unique<FakeUdpSocket>(network);
   }

@@ -30,7 +30,8 @@ class UdpSocket {
   virtual void SetEvents(UdpSocketEvents events) = 0;
 
   // Sets where Send() goes: a dotted IPv4 address and a port 1..65535.
-  // False for anything else; the previous remote is then kept.
+  // False for anything else; the previous remote is then kept. The limited
+  // broadcast address 255.255.255.255 is allowed.
   virtual bool SetRemote(const std::string& host, int port) = 0;
 
   // Binds the local `port` (0 lets the system choose) on every address of

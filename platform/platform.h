@@ -84,6 +84,14 @@ class Platform {
   // for new events.
   virtual void Yield() = 0;
 
+  // Runs events as they come, as Yield() does, and sleeps while none is
+  // pending, until `done()` is true, the steady clock reaches
+  // `deadline_seconds` or the program has ended. Returns done(). A timer
+  // whose handler is running (the caller's own) does not fire meanwhile.
+  // For a call that must wait for an answer yet keep the program serving.
+  virtual bool RunUntil(const std::function<bool()>& done,
+                        double deadline_seconds) = 0;
+
   // Ends the program at once with `exit_code`: no further handler runs and
   // nothing is logged. The real platform does not return; the fake marks
   // itself ended and returns, so callers must return straight away.
@@ -149,7 +157,12 @@ class Platform {
   // in dotted-decimal form. Asks the system at each call.
   virtual std::vector<std::string> LocalAddresses() = 0;
 
-  // A new UDP socket (an element of the local windows' Winsock3).
+  // The IPv4 address of `host` (a name or a dotted address) in dotted form,
+  // or the empty text when it cannot be resolved. A name may block the
+  // caller while the resolver asks.
+  virtual std::string ResolveIPv4(const std::string& host) = 0;
+
+  // A new UDP socket (the local windows' Winsock3, the SNMP manager's).
   virtual std::unique_ptr<UdpSocket> NewUdpSocket() = 0;
   // A new TCP listener (element 0 of the control port's Winsock2).
   virtual std::unique_ptr<TcpListener> NewTcpListener() = 0;

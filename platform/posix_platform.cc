@@ -193,6 +193,21 @@ void PosixPlatform::Yield() {
   if (!impl_->ended) impl_->io.poll();
 }
 
+// Never spins: between events it sleeps in Asio's wait for the next one,
+// bounded by the deadline.
+bool PosixPlatform::RunUntil(const std::function<bool()>& done,
+                             double deadline_seconds) {
+  while (!impl_->ended) {
+    impl_->io.poll();
+    if (impl_->ended || done()) break;
+    const double left = deadline_seconds - SteadySeconds();
+    if (left <= 0) break;
+    impl_->io.run_one_for(std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(left)));
+  }
+  return done();
+}
+
 void PosixPlatform::EndNow(int exit_code) {
   if (impl_->exit_process) std::_Exit(exit_code);
   impl_->ended = true;
@@ -373,6 +388,10 @@ std::vector<std::string> PosixPlatform::LocalAddresses() {
   }
   ::freeifaddrs(list);
   return addresses;
+}
+
+std::string PosixPlatform::ResolveIPv4(const std::string& host) {
+  return AsioResolveIPv4(impl_->io, host);
 }
 
 std::unique_ptr<UdpSocket> PosixPlatform::NewUdpSocket() {

@@ -26,6 +26,8 @@ class PosixPlatform : public Platform {
   std::unique_ptr<Timer> NewTimer(std::function<void()> on_expiry) override;
   void Post(std::function<void()> task) override;
   void Yield() override;
+  bool RunUntil(const std::function<bool()>& done,
+                double deadline_seconds) override;
   void EndNow(int exit_code) override;
   void SetCloseHandler(std::function<void()> on_close) override;
   double SteadySeconds() override;
@@ -43,6 +45,7 @@ class PosixPlatform : public Platform {
   std::unique_ptr<TcpClient> NewTcpClient() override;
   std::string LocalIPv4Address() override;
   std::vector<std::string> LocalAddresses() override;
+  std::string ResolveIPv4(const std::string& host) override;
   std::unique_ptr<UdpSocket> NewUdpSocket() override;
   std::unique_ptr<TcpListener> NewTcpListener() override;
   bool ConnectService() override;
