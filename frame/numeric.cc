@@ -113,4 +113,12 @@ std::optional<int16_t> ToInt16(double value) {
   return static_cast<int16_t>(rounded);
 }
 
+int16_t CountdownSeconds(double seconds) {
+  constexpr int16_t kShortest = 3;
+  const double rounded = RoundHalfEven(seconds);
+  if (!(rounded >= kShortest)) return kShortest;
+  if (rounded > 32767) return 32767;
+  return static_cast<int16_t>(rounded);
+}
+
 }  // namespace frame

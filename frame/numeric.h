@@ -26,6 +26,12 @@ double RoundHalfEven(double value);
 // values outside -32768..32767, infinities and NaN.
 std::optional<int16_t> ToInt16(double value);
 
+// The length of a countdown for a power failure that gives `seconds`,
+// rounded. Less than 3 s (0, negative, no number at all) means the PC may
+// not run on battery any longer: it gets 3 s, so that the countdown ends at
+// its first tick instead of never. More than 32767 s is held to 32767.
+int16_t CountdownSeconds(double seconds);
+
 }  // namespace frame
 
 #endif  // KOVRAN_FRAME_NUMERIC_H_

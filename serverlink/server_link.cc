@@ -10,22 +10,6 @@ namespace {
 
 constexpr const char* kRequestCode = "DRY1";
 
-// The shortest countdown a power failure is given: with 3 s or less left the
-// countdown reaches its final phase at its first tick, even a late one.
-constexpr int16_t kShortestCountdown = 3;
-
-// The countdown length of a numeric time field. A field of less than 3 s (0,
-// a negative value, no number at all) is the server saying the UPS is on
-// battery with no time left: the countdown is given 3 s, so that it ends at
-// its first tick instead of never. A value that does not fit 16 bits (only
-// possible with an exponent, "9e99") is held to 32767.
-int16_t TimeFieldSeconds(const std::string& field) {
-  const double rounded = frame::RoundHalfEven(frame::NumericValue(field));
-  if (!(rounded >= kShortestCountdown)) return kShortestCountdown;
-  if (rounded > 32767) return 32767;
-  return static_cast<int16_t>(rounded);
-}
-
 }  // namespace
 
 std::string CharAt(const std::string& text, std::size_t position) {
@@ -152,7 +136,7 @@ void ServerLink::HandleStatusRecord() {
     if (time == "ATBT") {
       s_.ALARMTEXT = s_.Message(53);
     } else {
-      s_.DELAYSECONDS = TimeFieldSeconds(time);
+      s_.DELAYSECONDS = frame::CountdownSeconds(frame::NumericValue(time));
       calls.SAYMASIFIR();
       calls.PENCEREKUR();
     }
