@@ -7,8 +7,10 @@
 #include "localports/control_port.h"
 #include "localports/local_windows.h"
 #include "power/main_tick.h"
+#include "power/power_evaluation.h"
 #include "power/shutdown_controller.h"
 #include "serverlink/server_link.h"
+#include "snmp/agent_link.h"
 
 namespace app {
 
@@ -18,7 +20,9 @@ class Program {
       : main(platform),
         shutdown(main),
         tick(main),
+        evaluation(main),
         server_link(main),
+        agent_link(main),
         windows(main),
         control_port(main) {}
 
@@ -28,7 +32,9 @@ class Program {
   frame::MainWindow main;
   power::ShutdownController shutdown;
   power::MainTick tick;
+  power::PowerEvaluation evaluation;
   serverlink::ServerLink server_link;
+  snmp::AgentLink agent_link;
   localports::LocalWindows windows;
   localports::ControlPort control_port;
 };

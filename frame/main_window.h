@@ -49,6 +49,10 @@ struct Parts {
   Call<> CloseSnmpManager = [] {};
   Call<const std::string&, const std::string&> PowerEvaluation =
       [](const std::string&, const std::string&) {};
+  // Runs the task now, or once the SNMP request under way has returned.
+  Call<std::function<void()>> WhenManagerFree = [](std::function<void()> task) {
+    task();
+  };
 
   // Expiry handlers of Timer1..Timer7, by timer number (entry 0 unused).
   std::array<Call<>, 8> timer_expiry;

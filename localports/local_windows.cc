@@ -104,10 +104,15 @@ void LocalWindows::Winsock3_DataArrival(int index, const std::string& D,
   if (index > kWindowsWithNotices) return;
   std::string R;
   if (D.starts_with("DISCOV")) {
-    s_.WINDOWMSGS[index] = "DISCOVER";
-    s_.DISCOVERREQUEST = 1;
-    main_.List2.clear();
-    if (!main_.SnmpMode()) main_.parts.DISCOVERAGENTS();
+    // Asked while an identification waits, the discovery starts once the
+    // collection step has returned: the step's list must not be emptied
+    // under it.
+    main_.parts.WhenManagerFree([this, index] {
+      s_.WINDOWMSGS[index] = "DISCOVER";
+      s_.DISCOVERREQUEST = 1;
+      main_.List2.clear();
+      if (!main_.SnmpMode()) main_.parts.DISCOVERAGENTS();
+    });
   } else if (D.starts_with("LABELS")) {
     R = StatusLine();
   } else if (D.starts_with("SETUPR")) {

@@ -1,0 +1,218 @@
+// SNMP mode on the fake platform: the power evaluation's transitions, the
+// status poll against agents the test plays on the fake network, and the
+// discovery's timeline in virtual time.
+#include "tests/unit/program_fixture.h"
+
+#include "snmp/message.h"
+
+namespace kovran_testing {
+namespace {
+
+constexpr char kType[] =
+    "CONNECTION:SNMP\r\nPOLLINGTIME:60\r\nBACKUPTIME:5\r\nLOWTIME:1\r\n"
+    "AGENTNO:2\r\nTYPE:2\r\nSYSOBJE:1.3.6.1.4.1.9.1\r\nBATSTAT:1.3.6.1.2.1.33.1.2.2.0\r\n"
+    "TIME:1.3.6.1.2.1.33.1.2.1.0\r\nSHORT:UPS\r\nBTNORMAL:2\r\nBTLOW:3\r\n";
+constexpr char kBatstat[] = "1.3.6.1.2.1.33.1.2.2.0", kTime[] = "1.3.6.1.2.1.33.1.2.1.0";
+// Detail texts of the evaluation, which the test language file adds.
+constexpr char kTexts[] = "039 On battery\r\n040 Power back\r\n041 Battery low\r\n";
+
+// The program in SNMP mode; agents at other addresses answer each request
+// after `delay` with what `answer` makes of it (nothing when it returns
+// nullopt).
+struct SnmpRig : ProgramRig {
+  explicit SnmpRig(const std::string& extra = "") : ProgramRig(kOn + std::string(kType) + extra) {
+    fake.files["/kovran/LANGSE1.TXT"] += kTexts;
+    fake.network.on_remote_send = [this](platform::FakeUdpSocket& from,
+                                         const std::string& to, int, const std::string& data) {
+      requests.push_back(to);
+      snmp::Message m = snmp::Decode(data).message;
+      for (const std::string& agent : to == "255.255.255.255" ? agents : std::vector{to}) {
+        auto reply = answer(agent, m);
+        if (!reply) continue;
+        reply->type = snmp::PduType::kGetResponse;
+        fake.At(delay, [&from, agent, bytes = snmp::Encode(*reply).bytes] {
+          from.Deliver(bytes, agent, 161);
+        });
+      }
+    };
+    fake.hosts["pavo.example"] = "10.0.0.9";
+    program.Load();
+    s.STOPPED = 1;  // no tick polls unless a test lets it
+  }
+  snmp::AgentLink& link = program.agent_link;
+  std::vector<std::string> agents, requests;
+  Duration delay = 100ms;
+  std::function<std::optional<snmp::Message>(const std::string&, snmp::Message)> answer =
+      [](const std::string&, snmp::Message m) -> std::optional<snmp::Message> {
+    for (auto& b : m.bindings) b = {b.oid, snmp::ValueKind::kInteger, b.oid == kBatstat ? "0" : "2"};
+    return m;
+  };
+};
+
+TEST(PowerEvaluationTest, ReadingsMoveThePowerStateAndTheCountdown) {
+  const struct {
+    const char *v1, *v2;
+    int on_battery, low, delay;
+    const char* detail;
+  } steps[] = {
+      {"0", "2", 0, 0, 0, "On mains"},        {"1800", "2", 1, 0, 300, "On battery"},
+      {"1800", "2", 1, 0, 300, "On battery"}, {"1800", "3.0", 1, 1, 70, "Battery low"},
+      {"1800", "2", 1, 0, 70, "On battery"},  {"1800", "7", 1, 0, 70, "On battery"},
+      {"x", "3", 0, 0, 0, "On mains"},        {"1", "2.5", 0, 0, 0, "On mains"},
+      {"9", "3", 1, 1, 70, "Battery low"},    {"0", "3", 0, 1, 0, "Power back"},
+      {"9", "3", 1, 1, 0, "Battery low"},
+  };
+  SnmpRig r;
+  int step = 0;
+  for (const auto& c : steps) {
+    SCOPED_TRACE(step++);
+    r.main.parts.PowerEvaluation(c.v1, c.v2);
+    EXPECT_EQ(r.s.ONBATTERY, c.on_battery);
+    EXPECT_EQ(r.s.BATTERYLOW, c.low);
+    EXPECT_EQ(r.s.DETAILTEXT, c.detail);
+    EXPECT_EQ(r.main.Timer3->Enabled() ? r.s.DELAYSECONDS : 0, c.delay);
+  }
+  EXPECT_EQ(r.LogCount("Power back"), 2);
+  EXPECT_EQ(r.main.Timer4->Interval(), 15000);
+}
+
+// A code in both lists: every reading restarts the low-battery countdown.
+TEST(PowerEvaluationTest, ACodeInBothListsKeepsRestartingTheLowCountdown) {
+  SnmpRig r("BTNORMAL:3\r\n");
+  r.main.parts.PowerEvaluation("5", "3");
+  EXPECT_EQ(r.s.DETAILTEXT, "Battery low");
+  r.AdvanceTo(60s);
+  r.main.parts.PowerEvaluation("5", "3");
+  r.AdvanceTo(100s);
+  EXPECT_EQ(r.s.ALARMTEXT, Left(30));
+}
+
+TEST(SnmpPollTest, RepliesFillTheValuesBySlot) {
+  using B = std::vector<snmp::VarBind>;
+  const struct {
+    B reply;
+    std::vector<std::string> values, trace;
+  } cases[] = {
+      {{{kBatstat, snmp::ValueKind::kInteger, "-5"}, {kTime, snmp::ValueKind::kGauge32, "3"}},
+       {"", "-5", "3"}, {"-5", "3"}},
+      {{{"1.3.6.1.9", snmp::ValueKind::kOctetString, "a"}, {kTime, snmp::ValueKind::kInteger, "2"},
+        {"1.3.6.1.9", snmp::ValueKind::kObjectId, "1.3.6"}},
+       {"a", "", "1.3.6"}, {"a", "2", "1.3.6"}},
+      {{{kBatstat, snmp::ValueKind::kNoSuchInstance, ""}}, {"", "", ""}, {"NETWORK ERROR"}},
+  };
+  for (const auto& c : cases) {
+    SnmpRig r;
+    r.answer = [&](const std::string&, snmp::Message m) -> std::optional<snmp::Message> {
+      m.bindings = c.reply;
+      return m;
+    };
+    r.link.POLLSNMP();
+    EXPECT_EQ(r.s.SNMPVALUES[0], c.values[0]);
+    EXPECT_EQ(r.s.SNMPVALUES[1], c.values[1]);
+    EXPECT_EQ(r.s.SNMPVALUES[2], c.values[2]);
+    std::vector<std::string> trace{"pavo.example", kBatstat, kTime};
+    trace.insert(trace.end(), c.trace.begin(), c.trace.end());
+    EXPECT_EQ(r.link.List1, trace);
+  }
+}
+
+// Only the GetResponse with the poll's id from the agent's address ends the
+// wait; everything else is a reply event. Timers run while it waits.
+TEST(SnmpPollTest, TheWaitTakesOnlyItsOwnReplyAndKeepsTheProgramServing) {
+  SnmpRig r;
+  r.answer = [&](const std::string&, snmp::Message m) -> std::optional<snmp::Message> {
+    for (auto& b : m.bindings) b.text = "7", b.kind = snmp::ValueKind::kInteger;
+    auto& socket = *r.fake.network.udp_bound.at(162);
+    snmp::Message wrong_id = m, wrong_type = m;
+    wrong_id.request_id ^= 1;
+    wrong_type.type = snmp::PduType::kTrapV2;
+    wrong_id.type = snmp::PduType::kGetResponse;
+    for (const auto& [bytes, sender] : {std::pair{snmp::Encode(wrong_id).bytes, "10.0.0.9"},
+                                       {snmp::Encode(wrong_type).bytes, "10.0.0.9"},
+                                       {std::string(70000, 'x'), "10.0.0.9"},
+                                       {snmp::Encode(m).bytes, "10.0.0.8"}}) {
+      r.fake.At(50ms, [&socket, bytes, sender] { socket.Deliver(bytes, sender, 161); });
+    }
+    m.bindings.resize(1);
+    return m;
+  };
+  int events = 0;
+  r.link.Manager.SetOnReply([&] { ++events; });
+  r.main.parts.PowerEvaluation("1", "2");
+  r.link.POLLSNMP();
+  EXPECT_EQ(r.s.SNMPVALUES[1], "7");
+  EXPECT_EQ(events, 3);
+  EXPECT_EQ(r.fake.Now(), 100ms);
+
+  r.answer = [](auto&, auto) { return std::nullopt; };
+  r.link.POLLSNMP();
+  EXPECT_EQ(r.link.List1.back(), "NETWORK ERROR");
+  EXPECT_EQ(r.fake.Now(), 10100ms);
+  EXPECT_EQ(r.s.ALARMTEXT, Left(290));
+}
+
+TEST(SnmpPollTest, AClosedManagerOrAnUnknownHostFailsAtOnce) {
+  SnmpRig r;
+  r.main.parts.CloseSnmpManager();
+  r.link.POLLSNMP();
+  EXPECT_EQ(r.link.List1.back(), "NETWORK ERROR");
+  EXPECT_TRUE(r.main.parts.OPENSNMP());
+  r.s.SETTINGS[frame::HOST] = "nowhere.example";
+  r.link.POLLSNMP();
+  EXPECT_EQ(r.link.List1.back(), "NETWORK ERROR");
+  EXPECT_EQ(r.fake.Now(), 0ms);
+  r.fake.network.taken_udp_ports.insert(162);
+  r.main.parts.CloseSnmpManager();
+  EXPECT_FALSE(r.main.parts.OPENSNMP());
+}
+
+// Two agents answer the broadcast; one is identified by its sysObjectID,
+// one answers twice, one never answers the identification.
+TEST(DiscoveryTest, CollectsForTwoSecondsThenIdentifiesEveryEntry) {
+  SnmpRig r;
+  r.agents = {"10.0.0.2", "10.0.0.3", "10.0.0.2", "10.0.0.4"};
+  r.answer = [](const std::string& agent, snmp::Message m) -> std::optional<snmp::Message> {
+    if (m.bindings[0].oid != snmp::kSysObjectIdOid) return m;
+    if (agent == "10.0.0.4") return std::nullopt;
+    m.bindings[0] = {m.bindings[0].oid, snmp::ValueKind::kObjectId,
+                     agent == "10.0.0.2" ? "1.3.6.1.4.1.9.1" : "1.3.6.1.4.1.9.2"};
+    return m;
+  };
+  r.s.STOPPED = 0;
+  r.s.DISCOVERREQUEST = 1;
+  r.AdvanceTo(1s);
+  EXPECT_EQ(r.requests, std::vector<std::string>{"255.255.255.255"});
+  EXPECT_EQ(r.s.DISCOVERREQUEST, 2);
+  r.AdvanceTo(3s);  // the step waits in virtual time: 3 answers, 1 time-out
+  EXPECT_EQ(r.fake.Now(), 6300ms);
+  EXPECT_EQ(r.s.WINDOWMSG, "DISCOVERUPS-10.0.0.2\r\n10.0.0.3\r\nUPS-10.0.0.2\r\n10.0.0.4\r\n");
+  EXPECT_EQ(r.s.DISCOVERREQUEST, 0);
+  r.AdvanceTo(8s);
+  EXPECT_EQ(r.requests.size(), 6u);  // the poll resumes
+}
+
+// A "DISCOV" from a window while the identification waits restarts the
+// discovery only after the step has reported; with no agent the result is
+// "No UPS found.".
+TEST(DiscoveryTest, AWindowsRequestDuringTheStepWaitsForIt) {
+  SnmpRig r("CONNECTION:SERVER\r\nLOCALWINDOWPORT:5000\r\nMAXLOCALUSERS:1\r\n");
+  r.agents = {"10.0.0.4"};
+  r.answer = [](const std::string&, snmp::Message m) -> std::optional<snmp::Message> {
+    if (m.bindings[0].oid == snmp::kSysObjectIdOid) return std::nullopt;
+    return m;
+  };
+  auto& window = *r.fake.network.udp_bound.at(5001);
+  window.Deliver("DISCOV");
+  r.fake.At(2500ms, [&] {
+    r.agents.clear();
+    window.Deliver("DISCOV");
+  });
+  r.AdvanceTo(2s);
+  EXPECT_EQ(r.fake.Now(), 5s);
+  EXPECT_EQ(r.s.WINDOWMSG, "DISCOVER10.0.0.4\r\n");
+  r.AdvanceTo(7s + 200ms);
+  EXPECT_EQ(r.s.WINDOWMSG, "DISCOVERNo UPS found.\r\n");
+}
+
+}  // namespace
+}  // namespace kovran_testing
