@@ -36,10 +36,11 @@ void AgentLink::WhenManagerFree(std::function<void()> task) {
 }
 
 void AgentLink::OwnManager(const std::function<void()>& body) {
+  const bool outer = manager_owned_;
   manager_owned_ = true;
   body();
-  manager_owned_ = false;
-  if (waiting_tasks_.empty() || main_.ending()) return;
+  manager_owned_ = outer;
+  if (outer || waiting_tasks_.empty() || main_.ending()) return;
   main_.platform.Post([this] {
     while (!manager_owned_ && !waiting_tasks_.empty() && !main_.ending()) {
       auto task = std::move(waiting_tasks_.front());
@@ -73,12 +74,8 @@ void AgentLink::POLLSNMP() {
     Manager.AddVariable(type[field]);
     List1.push_back(Manager.Var(Manager.Count()).oid);
   }
-  if (!known_type || manager_owned_) {
-    List1.push_back(kNetworkError);
-    return;
-  }
   OwnManager([&] {
-    if (!Manager.Send()) {
+    if (!known_type || !Manager.Send()) {
       List1.push_back(kNetworkError);
       return;
     }

@@ -11,7 +11,7 @@ namespace {
 constexpr char kType[] =
     "CONNECTION:SNMP\r\nPOLLINGTIME:60\r\nBACKUPTIME:5\r\nLOWTIME:1\r\n"
     "AGENTNO:2\r\nTYPE:2\r\nSYSOBJE:1.3.6.1.4.1.9.1\r\nBATSTAT:1.3.6.1.2.1.33.1.2.2.0\r\n"
-    "TIME:1.3.6.1.2.1.33.1.2.1.0\r\nSHORT:UPS\r\nBTNORMAL:2\r\nBTLOW:3\r\n";
+    "TIME:1.3.6.1.2.1.33.1.2.1.0\r\nSHORT:UPS\r\nBTNORMAL:2\r\nBTLOW:3\r\nBTLOW:100\r\nBTLOW:7\r\n";
 constexpr char kBatstat[] = "1.3.6.1.2.1.33.1.2.2.0", kTime[] = "1.3.6.1.2.1.33.1.2.1.0";
 // Detail texts of the evaluation, which the test language file adds.
 constexpr char kTexts[] = "039 On battery\r\n040 Power back\r\n041 Battery low\r\n";
@@ -73,6 +73,7 @@ TEST(PowerEvaluationTest, ReadingsMoveThePowerStateAndTheCountdown) {
     EXPECT_EQ(r.main.Timer3->Enabled() ? r.s.DELAYSECONDS : 0, c.delay);
   }
   EXPECT_EQ(r.LogCount("Power back"), 2);
+  EXPECT_EQ(r.s.COMMOK, 1);
   EXPECT_EQ(r.main.Timer4->Interval(), 15000);
 }
 
@@ -92,6 +93,7 @@ TEST(SnmpPollTest, RepliesFillTheValuesBySlot) {
   const struct {
     B reply;
     std::vector<std::string> values, trace;
+    int32_t error_status = 0;
   } cases[] = {
       {{{kBatstat, snmp::ValueKind::kInteger, "-5"}, {kTime, snmp::ValueKind::kGauge32, "3"}},
        {"", "-5", "3"}, {"-5", "3"}},
@@ -99,11 +101,13 @@ TEST(SnmpPollTest, RepliesFillTheValuesBySlot) {
         {"1.3.6.1.9", snmp::ValueKind::kObjectId, "1.3.6"}},
        {"a", "", "1.3.6"}, {"a", "2", "1.3.6"}},
       {{{kBatstat, snmp::ValueKind::kNoSuchInstance, ""}}, {"", "", ""}, {"NETWORK ERROR"}},
+      {{{kBatstat, snmp::ValueKind::kInteger, "1"}}, {"", "", ""}, {"NETWORK ERROR"}, 2},
   };
   for (const auto& c : cases) {
     SnmpRig r;
     r.answer = [&](const std::string&, snmp::Message m) -> std::optional<snmp::Message> {
       m.bindings = c.reply;
+      m.error_status = c.error_status;
       return m;
     };
     r.link.POLLSNMP();
@@ -161,6 +165,11 @@ TEST(SnmpPollTest, AClosedManagerOrAnUnknownHostFailsAtOnce) {
   r.link.POLLSNMP();
   EXPECT_EQ(r.link.List1.back(), "NETWORK ERROR");
   EXPECT_EQ(r.fake.Now(), 0ms);
+  r.s.SETTINGS[frame::HOST] = "pavo.example";
+  r.answer = [](auto&, auto) { return std::nullopt; };
+  r.fake.At(1s, [&] { r.main.parts.CloseSnmpManager(); });
+  r.link.POLLSNMP();
+  EXPECT_EQ(r.fake.Now(), 1s) << "closing ends the wait";
   r.fake.network.taken_udp_ports.insert(162);
   r.main.parts.CloseSnmpManager();
   EXPECT_FALSE(r.main.parts.OPENSNMP());
