@@ -4,14 +4,19 @@
 #ifndef KOVRAN_TESTS_INTEGRATION_HARNESS_H_
 #define KOVRAN_TESTS_INTEGRATION_HARNESS_H_
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -49,6 +54,64 @@ inline bool WaitUntil(const std::function<bool()>& done,
 inline std::string ReadFile(const std::string& path) {
   return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
+
+// What `command` writes to its standard output, run by the shell.
+inline std::string Shell(const std::string& command) {
+  std::string out;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  for (int c; pipe && (c = std::fgetc(pipe)) != EOF;) out += char(c);
+  if (pipe) ::pclose(pipe);
+  return out;
+}
+
+inline sockaddr_in Address(const char* host, int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  ::inet_pton(AF_INET, host, &a.sin_addr);
+  return a;
+}
+
+inline void SetTimeout(int fd, int ms) {
+  const timeval tv{ms / 1000, ms % 1000 * 1000};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+}
+
+// A socket bound to `port` on every address, with a 2 s receive timeout.
+inline int Bound(int type, int port) {
+  const int fd = ::socket(AF_INET, type, 0);
+  SetTimeout(fd, 2000);
+  const sockaddr_in a = Address("0.0.0.0", port);
+  if (port != 0) {
+    EXPECT_EQ(::bind(fd, (const sockaddr*)&a, sizeof a), 0) << port;
+  }
+  return fd;
+}
+
+// Local window 1 of the shipped settings: listens on 5000, speaks to 5001.
+struct Window {
+  Window() = default;
+  Window(const Window&) = delete;
+  ~Window() { ::close(fd); }
+  // The answer, or "(none)" when none came within `wait_ms`.
+  std::string Ask(const std::string& request, int wait_ms = 2000) {
+    char buffer[70000];
+    while (::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) >= 0)
+      continue;  // late ones
+    SetTimeout(fd, wait_ms);
+    const sockaddr_in to = Address("127.0.0.1", 5001);
+    ::sendto(fd, request.data(), request.size(), 0, (const sockaddr*)&to,
+             sizeof to);
+    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    return n < 0 ? "(none)" : std::string(buffer, n);
+  }
+  // The program has bound its sockets, which it does at start-up right
+  // before it opens the control port.
+  bool Ready() {
+    return WaitUntil([&] { return Ask("LABELS", 100) != "(none)"; });
+  }
+  int fd = Bound(SOCK_DGRAM, 5000);
+};
 
 // A started process, killed on destruction if still running, with stdout and
 // stderr appended to the file `output`. It runs in "/": the program must find
@@ -165,6 +228,42 @@ class ProgramFolder {
  private:
   std::string path_;
   std::vector<std::unique_ptr<Program>> programs_;
+};
+
+// Another machine on a LAN with this test's namespace: a network namespace of
+// its own, kept by a sleeping process of `folder`, joined by a veth pair whose
+// end `link` stays here (down, for the caller to address or bridge) and whose
+// end eth0 there is up with `address` ("198.51.100.2/24").
+class RemoteHost {
+ public:
+  RemoteHost(ProgramFolder& folder, const std::string& link,
+             const std::string& address)
+      : link_(link) {
+    const pid_t pid =
+        folder.Start({"/usr/bin/unshare", "-n", "sleep", "3600"}).pid();
+    ns_ = "/proc/" + std::to_string(pid) + "/ns/net";
+    EXPECT_TRUE(WaitUntil([&] {
+      std::error_code gone;
+      return fs::read_symlink(ns_, gone) !=
+             fs::read_symlink("/proc/self/ns/net");
+    }));
+    const std::string veth = "ip link add " + link +
+                             " type veth peer name eth0 netns " +
+                             std::to_string(pid) + " && " + In() +
+                             "sh -c 'ip link set lo up && ip addr add " +
+                             address + " dev eth0 && ip link set eth0 up'";
+    EXPECT_EQ(std::system(veth.c_str()), 0) << veth;
+  }
+  ~RemoteHost() {
+    std::system(("ip link del " + link_ + " 2>/dev/null").c_str());
+  }
+  // The path of its namespace, for nsenter --net=.
+  const std::string& ns() const { return ns_; }
+  // A prefix that runs a shell command there.
+  std::string In() const { return "nsenter --net=" + ns_ + " "; }
+
+ private:
+  std::string link_, ns_;
 };
 
 }  // namespace kovran::integration

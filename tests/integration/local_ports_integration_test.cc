@@ -1,11 +1,5 @@
 // The local windows and the control port of the real program, through real
 // sockets: what a window and a control client see on the wire.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <cstdio>
-
 #include "gmock/gmock.h"
 #include "tests/integration/harness.h"
 
@@ -14,51 +8,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::MatchesRegex;
-
-sockaddr_in Address(const char* host, int port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  ::inet_pton(AF_INET, host, &a.sin_addr);
-  return a;
-}
-
-void SetTimeout(int fd, int ms) {
-  const timeval tv{ms / 1000, ms % 1000 * 1000};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-}
-
-// A socket bound to `port` on every address, with a 2 s receive timeout.
-int Bound(int type, int port) {
-  const int fd = ::socket(AF_INET, type, 0);
-  SetTimeout(fd, 2000);
-  const sockaddr_in a = Address("0.0.0.0", port);
-  if (port != 0) {
-    EXPECT_EQ(::bind(fd, (const sockaddr*)&a, sizeof a), 0) << port;
-  }
-  return fd;
-}
-
-// Local window 1 of the shipped settings: listens on 5000, speaks to 5001.
-struct Window {
-  ~Window() { ::close(fd); }
-  // The answer, or "(none)" when none came within `wait_ms`.
-  std::string Ask(const std::string& request, int wait_ms = 2000) {
-    char buffer[70000];
-    while (::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) >= 0) continue;  // late ones
-    SetTimeout(fd, wait_ms);
-    const sockaddr_in to = Address("127.0.0.1", 5001);
-    ::sendto(fd, request.data(), request.size(), 0, (const sockaddr*)&to, sizeof to);
-    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-    return n < 0 ? "(none)" : std::string(buffer, n);
-  }
-  // The program has bound its sockets, which it does at start-up right
-  // before it opens the control port.
-  bool Ready() {
-    return WaitUntil([&] { return Ask("LABELS", 100) != "(none)"; });
-  }
-  int fd = Bound(SOCK_DGRAM, 5000);
-};
 
 // Connects to the control port; the reply up to the program's close, or
 // what came before a 2 s silence.
@@ -84,14 +33,6 @@ struct Control {
   int fd = Bound(SOCK_STREAM, 0);
   bool closed = false;
 };
-
-std::string Shell(const std::string& command) {
-  std::string out;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  for (int c; pipe && (c = std::fgetc(pipe)) != EOF;) out += char(c);
-  if (pipe) ::pclose(pipe);
-  return out;
-}
 
 TEST(LocalPortsTest, WindowSeesTheCountdownThenShutdown) {
   ProgramFolder folder;
@@ -158,14 +99,9 @@ TEST(LocalPortsTest, ControlPortAnswersAndRotatesItsSlots) {
 // it reaches the control port, but its window requests are dropped.
 TEST(LocalPortsTest, WindowRequestsFromAnotherHostAreDropped) {
   ProgramFolder folder;
-  Program& remote = folder.Start({"/usr/bin/unshare", "-n", "sleep", "600"});
-  const std::string ns = "/proc/" + std::to_string(remote.pid()) + "/ns/net";
-  ASSERT_TRUE(WaitUntil([&] { return fs::read_symlink(ns) != fs::read_symlink("/proc/self/ns/net"); }));
-  const std::string in_remote = "nsenter --net=" + ns + " ";
-  const std::string veth = "ip link add kv0 type veth peer name kv1 netns " +
-      std::to_string(remote.pid()) + " && ip addr add 10.9.0.1/24 dev kv0 && ip link set kv0 up && " +
-      in_remote + "sh -c 'ip addr add 10.9.0.2/24 dev kv1 && ip link set kv1 up'";
-  ASSERT_EQ(std::system(veth.c_str()), 0);
+  RemoteHost remote(folder, "kv0", "10.9.0.2/24");
+  ASSERT_EQ(std::system("ip addr add 10.9.0.1/24 dev kv0 && ip link set kv0 up"), 0);
+  const std::string in_remote = remote.In();
   folder.Start();
   Window window;
   ASSERT_TRUE(window.Ready());
