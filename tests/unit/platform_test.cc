@@ -136,36 +136,6 @@ TYPED_TEST(PlatformContractTest, BusyHandlerNeverNestsAndWhatCameDueRunsOnce) {
   for (int i : {0, 2}) EXPECT_NE(fired[i] > 0, fired[i + 1] > 0) << i;
 }
 
-// A wait inside a handler serves the other events, never its own timer,
-// and returns when done or at its deadline.
-TYPED_TEST(PlatformContractTest, AWaitServesOtherEventsUntilDoneOrItsDeadline) {
-  Platform& p = this->p;
-  int own = 0, other = 0;
-  bool waited = false, timed_out = true, in_wait = false, nested = false;
-  double done_after = 0, gave_up_after = 0;
-  std::unique_ptr<Timer> waiter = p.NewTimer([&] {
-    nested = nested || in_wait;
-    if (own++ > 0) return;
-    in_wait = true;
-    const double start = p.SteadySeconds();
-    waited = p.RunUntil([&] { return other >= 3; }, start + 5);
-    done_after = p.SteadySeconds() - start;
-    timed_out = p.RunUntil([&] { return false; }, p.SteadySeconds() + 0.05);
-    gave_up_after = p.SteadySeconds() - start - done_after;
-    in_wait = false;
-  });
-  auto ticker = p.NewTimer([&] { ++other; });
-  waiter->SetInterval(5);
-  ticker->SetInterval(20);
-  ASSERT_TRUE(RunUntil(*this, [&] { return gave_up_after > 0; }));
-  EXPECT_TRUE(waited);
-  EXPECT_FALSE(timed_out);
-  EXPECT_GE(done_after, 0.054);
-  EXPECT_LT(done_after, 4.0);
-  EXPECT_GE(gave_up_after, 0.049);
-  EXPECT_FALSE(nested) << "its own timer fired during the wait";
-}
-
 TYPED_TEST(PlatformContractTest, FilesAreMadeOnlyInExistingFolders) {
   Platform& p = this->p;
   const std::string folder = this->folder, file = folder + "/log.txt";
