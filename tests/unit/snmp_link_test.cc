@@ -126,11 +126,11 @@ TEST(SnmpPollTest, TheWaitTakesOnlyItsOwnReplyAndKeepsTheProgramServing) {
   SnmpRig r;
   r.answer = [&](const std::string&, snmp::Message m) -> std::optional<snmp::Message> {
     for (auto& b : m.bindings) b.text = "7", b.kind = snmp::ValueKind::kInteger;
+    m.type = snmp::PduType::kGetResponse;
     auto& socket = *r.fake.network.udp_bound.at(162);
     snmp::Message wrong_id = m, wrong_type = m;
     wrong_id.request_id ^= 1;
     wrong_type.type = snmp::PduType::kTrapV2;
-    wrong_id.type = snmp::PduType::kGetResponse;
     for (const auto& [bytes, sender] : {std::pair{snmp::Encode(wrong_id).bytes, "10.0.0.9"},
                                        {snmp::Encode(wrong_type).bytes, "10.0.0.9"},
                                        {std::string(70000, 'x'), "10.0.0.9"},
