@@ -31,6 +31,8 @@ TEST_P(FrameEndTest, StartsAndEndsInOrderOneCopyPerFolder) {
   }
   Program& program = folder.Start();
   ASSERT_TRUE(folder.WaitForLog(start));
+  // The fixed ports are this copy's before the other starts.
+  ASSERT_TRUE(Window().Ready());
   Program& beside = other.Start();
   ASSERT_TRUE(other.WaitForLog(kStartLine));
   EXPECT_EQ(folder.Start().WaitForExit(), 0);
