@@ -67,7 +67,6 @@ class Manager {
   // does not resolve, when a variable's identifier cannot be encoded, when
   // the datagram cannot be sent, or while another send is waiting.
   bool Send();
-  bool Waiting() const { return waiting_; }
 
   // The request's variables (after a waited-for send: the reply's).
   int Count() const { return static_cast<int>(variables_.size()); }
