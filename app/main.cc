@@ -1,10 +1,10 @@
 // KOVRAN: the UPS shutdown client. Takes no arguments; finds upsser.cfg, the
 // language file and SERLOGS beside its own executable.
 #include "app/program.h"
-#include "platform/posix_platform.h"
+#include "platform/real_platform.h"
 
 int main() {
-  platform::PosixPlatform platform;
+  platform::RealPlatform platform;
   app::Program program(platform);
   program.Load();
   platform.Run();

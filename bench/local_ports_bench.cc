@@ -78,7 +78,7 @@
 
 #include "app/program.h"
 #include "bench/pavo_server.h"
-#include "platform/posix_platform.h"
+#include "platform/real_platform.h"
 #include "platform/timer_schedule.h"
 
 namespace {
@@ -542,10 +542,10 @@ class MeasuredTimer : public platform::Timer {
 
 // The real platform with the program folder moved to a scratch folder,
 // measured timers, and process starts recorded instead of made.
-class BenchPlatform : public platform::PosixPlatform {
+class BenchPlatform : public platform::RealPlatform {
  public:
   BenchPlatform(std::string folder, LatenessTable& lateness)
-      : PosixPlatform(/*exit_process=*/false),
+      : RealPlatform(/*exit_process=*/false),
         folder_(std::move(folder)),
         lateness_(lateness) {}
 
@@ -555,7 +555,7 @@ class BenchPlatform : public platform::PosixPlatform {
     auto timer = std::make_unique<MeasuredTimer>(lateness_[++timers_]);
     MeasuredTimer* raw = timer.get();
     timer->inner =
-        PosixPlatform::NewTimer([raw, f = std::move(f)] { raw->Expire(f); });
+        RealPlatform::NewTimer([raw, f = std::move(f)] { raw->Expire(f); });
     return timer;
   }
   std::string ProgramFolder() override { return folder_; }

@@ -1,6 +1,6 @@
 // Timing of the server-mode road of a power failure, on the real platform.
 //
-// Each run builds the whole program in-process on a PosixPlatform, with a
+// Each run builds the whole program in-process on a RealPlatform, with a
 // PAVO server on loopback that answers "on mains" to the first polls and then
 // reports a power failure with a short time field T. Per run it measures
 //   (a) reaction: from the server thread about to write the power-failure
@@ -50,7 +50,7 @@
 
 #include "app/program.h"
 #include "bench/pavo_server.h"
-#include "platform/posix_platform.h"
+#include "platform/real_platform.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ double Ms(Clock::duration d) {
 // process starts recorded instead of made.
 class BenchPlatform : public platform::Platform {
  public:
-  BenchPlatform(platform::PosixPlatform& real, std::string folder)
+  BenchPlatform(platform::RealPlatform& real, std::string folder)
       : real_(real), folder_(std::move(folder)) {}
 
   std::optional<Clock::time_point> exit_started;
@@ -107,6 +107,10 @@ class BenchPlatform : public platform::Platform {
   bool WriteFile(const std::string& path, const std::string& data) override {
     return real_.WriteFile(path, data);
   }
+  std::optional<std::string> InCodePage(const std::string& text,
+                                        CodePage page) override {
+    return real_.InCodePage(text, page);
+  }
   bool StartProcess(const std::string& command_line, int) override {
     if (command_line == folder_ + "/EXIT.EXE" && !exit_started) {
       exit_started = Clock::now();
@@ -137,7 +141,7 @@ class BenchPlatform : public platform::Platform {
   }
 
  private:
-  platform::PosixPlatform& real_;
+  platform::RealPlatform& real_;
   std::string folder_;
 };
 
@@ -163,7 +167,7 @@ Result OneRun(int index, int seconds) {
       << "\r\nCONNECTION:SERVER\r\nPOLLINGTIME:1\r\nLANGUAGE:1\r\n"
          "ENABLESHUT:1\r\nMAXLOCALUSERS:0\r\nLOCALWINDOWPORT:5000\r\n";
 
-  platform::PosixPlatform real(/*exit_process=*/false);
+  platform::RealPlatform real(/*exit_process=*/false);
   BenchPlatform bench(real, folder.string());
   std::optional<Clock::time_point> countdown_started;
   {

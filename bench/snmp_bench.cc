@@ -62,7 +62,7 @@
 #include <vector>
 
 #include "app/program.h"
-#include "platform/posix_platform.h"
+#include "platform/real_platform.h"
 #include "snmp/message.h"
 
 extern char** environ;
@@ -285,9 +285,9 @@ struct Record {
 // The real platform with a scratch program folder and no process starts. The
 // bench waits for its own children (snmpd, snmpget), so it takes back the
 // SIGCHLD disposition that the platform sets.
-class BenchPlatform : public platform::PosixPlatform {
+class BenchPlatform : public platform::RealPlatform {
  public:
-  explicit BenchPlatform(std::string folder) : PosixPlatform(false), folder_(std::move(folder)) {
+  explicit BenchPlatform(std::string folder) : RealPlatform(false), folder_(std::move(folder)) {
     ::signal(SIGCHLD, SIG_DFL);
   }
   std::string ProgramFolder() override { return folder_; }
@@ -351,7 +351,7 @@ class InProcess {
 
  private:
   std::mutex mutex_;
-  platform::PosixPlatform* platform_ = nullptr;
+  platform::RealPlatform* platform_ = nullptr;
   bool ended_ = false;
   std::thread thread_;
 };

@@ -57,10 +57,12 @@ void MainWindow::Load() {
 Status MainWindow::LOADSETTINGS() {
   const std::string path = ProgramFile(kSettingsFileName);
   const auto text = platform.ReadFile(path);
-  if (!text) return Status::Error("Settings file " + path + " cannot be read");
+  if (!text) {
+    return Status::Error("Settings file " + LogText(path) + " cannot be read");
+  }
   SettingsItems next = state;
   if (Status s = ParseSettings(*text, next); !s.ok()) {
-    return Status::Error("Settings file " + path + " " + s.message());
+    return Status::Error("Settings file " + LogText(path) + " " + s.message());
   }
   static_cast<SettingsItems&>(state) = std::move(next);
   state.DETAILTEXT = state.Message(42);
@@ -114,15 +116,19 @@ void MainWindow::PARSECOMMAND() {
 }
 
 // Writes the batch file that creates and starts the service, starts it
-// hidden and ends; the service starts the program again.
+// hidden and ends; the service starts the program again. cmd reads the file
+// in the console code page, so a folder that has no place there cannot be
+// written either.
 void MainWindow::InstallService() {
+  const auto folder =
+      platform.InCodePage(folder_, platform::Platform::CodePage::kConsole);
   const std::string batch =
-      "sc create KOVRAN binPath= \"" + folder_ +
+      "sc create KOVRAN binPath= \"" + folder.value_or("") +
       "\\KOVRAN.EXE\" start= auto Displayname= \"PAVO SERVER CONNECTOR\" "
       "type= own\r\n"
       "sc start KOVRAN\r\n"
       "pause\r\n";
-  if (platform.WriteFile(folder_ + "/CRKOVRA.BAT", batch)) {
+  if (folder && platform.WriteFile(folder_ + "/CRKOVRA.BAT", batch)) {
     YUKLE(ProgramFile("CRKOVRA.BAT"), platform::kWindowHidden);
   } else {
     state.LOGLINE = state.Message(83);
@@ -134,8 +140,13 @@ void MainWindow::InstallService() {
 
 void MainWindow::YUKLE(const std::string& DOAS, int16_t NASIL) {
   if (platform.StartProcess(DOAS, NASIL)) return;
-  state.LOGLINE = DOAS + " " + state.Message(52);
+  state.LOGLINE = LogText(DOAS) + " " + state.Message(52);
   WRITELOG();
+}
+
+std::string MainWindow::LogText(const std::string& path) {
+  return platform.InCodePage(path, platform::Platform::CodePage::kLog)
+      .value_or(path);
 }
 
 void MainWindow::Service1_StateChanged(int service_state) {

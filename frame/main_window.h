@@ -134,6 +134,8 @@ class MainWindow {
   // A start-up reading of the settings; a failure is logged and ends.
   bool LoadSettingsAtStart();
   void InstallService();
+  // A path as the event log shows it: in the log's code page where it fits.
+  std::string LogText(const std::string& path);
   void OnPlatformClose();
 
   Phase phase_ = Phase::kStarting;

@@ -54,6 +54,8 @@ class FakePlatform : public Platform {
 
   std::string program_folder = "/kovran";
   char separator = '/';
+  // A text that has no place in the system's 8-bit code page.
+  std::string unrepresentable;
   int platform_number = 1;
   bool another_instance = false;
   bool service_connects = true;
@@ -112,6 +114,15 @@ class FakePlatform : public Platform {
   bool CanOpenForReading(const std::string& path) override;
   bool AppendToFile(const std::string& path, const std::string& data) override;
   bool WriteFile(const std::string& path, const std::string& data) override;
+  // Every text fits, unless it holds one of `unrepresentable`.
+  std::optional<std::string> InCodePage(const std::string& text,
+                                        CodePage) override {
+    if (!unrepresentable.empty() &&
+        text.find(unrepresentable) != std::string::npos) {
+      return std::nullopt;
+    }
+    return text;
+  }
   bool StartProcess(const std::string& command_line, int window_style) override;
   int PlatformNumber() override { return platform_number; }
   bool AnotherInstanceRunning() override { return another_instance; }

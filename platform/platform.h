@@ -130,6 +130,14 @@ class Platform {
   // Creates or truncates the file, writes, closes.
   virtual bool WriteFile(const std::string& path, const std::string& data) = 0;
 
+  // `text` (UTF-8, as ProgramFolder gives paths) in the 8-bit code page in
+  // which the system's own programs read a file: kConsole for a batch file
+  // (the console code page), kLog for the event log. Nothing when a character
+  // has no place in that code page. Unchanged where files are UTF-8.
+  enum class CodePage { kConsole, kLog };
+  virtual std::optional<std::string> InCodePage(const std::string& text,
+                                                CodePage page) = 0;
+
   // ---- Processes and system ----
 
   // Starts `command_line` as a new process with `window_style`, without

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "frame/settings.h"
-#include "platform/posix_platform.h"
+#include "platform/real_platform.h"
 
 namespace {
 
@@ -197,7 +197,7 @@ class Loop {
     platform_.SetCloseHandler([this] { interrupted_ = true; });
   }
 
-  platform::PosixPlatform& platform() { return platform_; }
+  platform::RealPlatform& platform() { return platform_; }
   bool interrupted() const { return interrupted_; }
   double Now() { return platform_.SteadySeconds(); }
 
@@ -216,7 +216,7 @@ class Loop {
   }
 
  private:
-  platform::PosixPlatform platform_;
+  platform::RealPlatform platform_;
   bool interrupted_ = false;
 };
 
@@ -589,7 +589,7 @@ int Control(Loop& loop, const Options& o) {
 // Window N's UDP port from the settings file, or the exit code when there is
 // none.
 int WindowPort(Loop& loop, const Options& o, int& port) {
-  platform::PosixPlatform& p = loop.platform();
+  platform::RealPlatform& p = loop.platform();
   const std::string path =
       o.config.empty()
           ? p.ProgramFolder() + p.PathSeparator() + frame::kSettingsFileName

@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "platform/fake_platform.h"
-#include "platform/posix_platform.h"
+#include "platform/real_platform.h"
 #include "platform/socket_errors.h"
 #include "platform/tcp_client.h"
 
@@ -55,7 +55,7 @@ struct RealDriver {
     for (auto end = Clock::now() + d; Clock::now() < end;) continue;
   }
   void RequestClose(int signal) { ::raise(signal); }
-  PosixPlatform p{/*exit_process=*/false};
+  RealPlatform p{/*exit_process=*/false};
   std::string pattern = fs::temp_directory_path() / "kovran-XXXXXX", folder;
   std::error_code ignored;
 };
@@ -190,7 +190,7 @@ TYPED_TEST(PlatformContractTest, DatagramsArriveWholeWithTheirSender) {
 // A real client against a real listener: an offered connection not taken
 // is closed; a taken one carries data both ways, reports its send complete
 // and the peer's close. The client keeps unread bytes together.
-TEST(PosixPlatformTest, ListenerOffersConnectionsThatCarryData) {
+TEST(RealPlatformTest, ListenerOffersConnectionsThatCarryData) {
   RealDriver d;
   auto listener = d.p.NewTcpListener();
   auto client = d.p.NewTcpClient();
@@ -231,7 +231,7 @@ TEST(PosixPlatformTest, ListenerOffersConnectionsThatCarryData) {
   EXPECT_EQ(errors, 1);
 }
 
-TEST(PosixPlatformTest, StartProcessRunsExecutableFilesWithoutWaiting) {
+TEST(RealPlatformTest, StartProcessRunsExecutableFilesWithoutWaiting) {
   RealDriver d;
   // The runnable script leaves its mark half a second after it started.
   const std::string run = d.folder + "/run.sh", plain = d.folder + "/plain.sh";
@@ -248,8 +248,8 @@ TEST(PosixPlatformTest, StartProcessRunsExecutableFilesWithoutWaiting) {
 
 // The program folder and the single-copy rule are shown by running the
 // program itself.
-TEST(PosixPlatformTest, TodayIsTheLocalDate) {
-  PosixPlatform p(/*exit_process=*/false);
+TEST(RealPlatformTest, TodayIsTheLocalDate) {
+  RealPlatform p(/*exit_process=*/false);
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   ::localtime_r(&now, &local);

@@ -1,7 +1,9 @@
-// The real platform on Linux: Asio's event loop on the calling thread, the
-// POSIX clock, files and processes. No Asio or OS type appears here.
-#ifndef KOVRAN_PLATFORM_POSIX_PLATFORM_H_
-#define KOVRAN_PLATFORM_POSIX_PLATFORM_H_
+// The real platform: Asio's event loop on the calling thread with its timers
+// and sockets, shared by Linux and Windows, and the OS services (clock,
+// files, processes, instance test, service control), which CMake picks per
+// system (os_posix.cc, os_windows.cc). No Asio or OS type appears here.
+#ifndef KOVRAN_PLATFORM_REAL_PLATFORM_H_
+#define KOVRAN_PLATFORM_REAL_PLATFORM_H_
 
 #include <chrono>
 #include <memory>
@@ -10,12 +12,12 @@
 
 namespace platform {
 
-class PosixPlatform : public Platform {
+class RealPlatform : public Platform {
  public:
   // With `exit_process` false (tests), EndNow stops the loop instead of
   // ending the process.
-  explicit PosixPlatform(bool exit_process = true);
-  ~PosixPlatform() override;
+  explicit RealPlatform(bool exit_process = true);
+  ~RealPlatform() override;
 
   // Runs the event loop until EndNow.
   void Run();
@@ -34,11 +36,13 @@ class PosixPlatform : public Platform {
   double SecondsSinceMidnight() override;
   LocalDate Today() override;
   std::string ProgramFolder() override;
-  char PathSeparator() const override { return '/'; }
+  char PathSeparator() const override;
   std::optional<std::string> ReadFile(const std::string& path) override;
   bool CanOpenForReading(const std::string& path) override;
   bool AppendToFile(const std::string& path, const std::string& data) override;
   bool WriteFile(const std::string& path, const std::string& data) override;
+  std::optional<std::string> InCodePage(const std::string& text,
+                                        CodePage page) override;
   bool StartProcess(const std::string& command_line, int window_style) override;
   int PlatformNumber() override;
   bool AnotherInstanceRunning() override;
@@ -51,7 +55,7 @@ class PosixPlatform : public Platform {
   bool ConnectService() override;
   void SetServiceHandler(std::function<void(int)> on_state) override;
 
-  struct Impl;  // opaque: holds the Asio objects
+  struct Impl;  // opaque: holds the Asio objects and the OS's own state
 
  private:
   std::unique_ptr<Impl> impl_;
@@ -59,4 +63,4 @@ class PosixPlatform : public Platform {
 
 }  // namespace platform
 
-#endif  // KOVRAN_PLATFORM_POSIX_PLATFORM_H_
+#endif  // KOVRAN_PLATFORM_REAL_PLATFORM_H_

@@ -1,10 +1,8 @@
-#include "platform/posix_platform.h"
-
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <arpa/inet.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -16,15 +14,13 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "platform/asio_local_sockets.h"
-#include "platform/asio_tcp_client.h"
-#include "platform/timer_schedule.h"
+#include "platform/real_platform.h"
+#include "platform/real_platform_impl.h"
 
+// The OS part of the real platform on Linux.
 namespace platform {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // Not the NT family: the program runs as an ordinary program.
 constexpr int kPlatformPosix = 1;
@@ -68,161 +64,39 @@ void CloseInheritedDescriptors(int keep) {
 
 }  // namespace
 
-struct PosixPlatform::Impl {
-  explicit Impl(bool exit) : exit_process(exit) {}
-
-  TimerSchedule::Time Now() const {
-    return std::chrono::duration_cast<TimerSchedule::Time>(Clock::now() -
-                                                           epoch);
+struct OsState {
+  explicit OsState(RealPlatform::Impl& i) : impl(i) {}
+  ~OsState() {
+    if (instance_lock_fd >= 0) ::close(instance_lock_fd);
   }
   void WaitForSignal() {
     signals.async_wait([this](const asio::error_code& ec, int) {
       if (ec) return;
       WaitForSignal();
-      if (on_close) on_close();
+      if (impl.on_close) impl.on_close();
     });
   }
 
-  bool exit_process;
-  asio::io_context io;
-  asio::executor_work_guard<asio::io_context::executor_type> work{
-      io.get_executor()};
-  Clock::time_point epoch = Clock::now();
-  asio::signal_set signals{io, SIGTERM, SIGINT, SIGHUP};
-  std::function<void()> on_close;
-  std::function<void(int)> on_service;
-  bool ended = false;
+  RealPlatform::Impl& impl;
+  asio::signal_set signals{impl.io, SIGTERM, SIGINT, SIGHUP};
   int instance_lock_fd = -1;
 };
 
-namespace {
+void OsStateDeleter::operator()(OsState* os) const { delete os; }
 
-class PosixTimer : public Timer {
- public:
-  struct State {
-    State(PosixPlatform::Impl* i, std::function<void()> fn)
-        : impl(i), timer(i->io), on_expiry(std::move(fn)) {}
-    PosixPlatform::Impl* impl;
-    asio::steady_timer timer;
-    std::function<void()> on_expiry;
-    TimerSchedule schedule;
-    // Bumped whenever the pending wait is replaced, so that a wait Asio
-    // still delivers after cancel() is recognised as stale and dropped.
-    uint64_t generation = 0;
-  };
-
-  PosixTimer(PosixPlatform::Impl* impl, std::function<void()> fn)
-      : state_(std::make_shared<State>(impl, std::move(fn))) {}
-  ~PosixTimer() override {
-    ++state_->generation;
-    state_->timer.cancel();
-  }
-
-  void SetInterval(int32_t ms) override {
-    state_->schedule.SetInterval(ms, state_->impl->Now());
-    Reschedule(state_);
-  }
-  int32_t Interval() const override { return state_->schedule.interval_ms(); }
-  void SetEnabled(bool enabled) override {
-    state_->schedule.SetEnabled(enabled, state_->impl->Now());
-    Reschedule(state_);
-  }
-  bool Enabled() const override { return state_->schedule.enabled(); }
-
- private:
-  static void Reschedule(const std::shared_ptr<State>& s) {
-    const uint64_t generation = ++s->generation;
-    s->timer.cancel();
-    if (!s->schedule.Armed()) return;
-    s->timer.expires_at(s->impl->epoch + s->schedule.due());
-    std::weak_ptr<State> weak = s;
-    s->timer.async_wait([weak, generation](const asio::error_code& ec) {
-      auto s = weak.lock();
-      if (!s || ec || s->generation != generation || s->impl->ended) return;
-      Fire(s);
-    });
-  }
-
-  static void Fire(const std::shared_ptr<State>& s) {
-    s->schedule.BeginExpiry(s->impl->Now());
-    ++s->generation;
-    s->on_expiry();
-    s->schedule.EndExpiry();
-    Reschedule(s);
-  }
-
-  std::shared_ptr<State> state_;
-};
-
-}  // namespace
-
-PosixPlatform::PosixPlatform(bool exit_process)
-    : impl_(std::make_unique<Impl>(exit_process)) {
+std::unique_ptr<OsState, OsStateDeleter> StartOs(RealPlatform::Impl& impl) {
   // Started programs are never waited for; let the kernel reap them. A peer
   // that has gone away is a socket error, never a reason to die.
   std::signal(SIGCHLD, SIG_IGN);
   std::signal(SIGPIPE, SIG_IGN);
-  impl_->WaitForSignal();
+  std::unique_ptr<OsState, OsStateDeleter> os(new OsState(impl));
+  os->WaitForSignal();
+  return os;
 }
 
-PosixPlatform::~PosixPlatform() {
-  if (impl_->instance_lock_fd >= 0) ::close(impl_->instance_lock_fd);
-}
+void BeforeExit(RealPlatform::Impl&, int) {}
 
-void PosixPlatform::Run() { impl_->io.run(); }
-
-void PosixPlatform::RunFor(std::chrono::milliseconds d) {
-  impl_->io.run_for(d);
-  impl_->io.restart();
-}
-
-bool PosixPlatform::ended() const { return impl_->ended; }
-
-std::unique_ptr<Timer> PosixPlatform::NewTimer(
-    std::function<void()> on_expiry) {
-  return std::make_unique<PosixTimer>(impl_.get(), std::move(on_expiry));
-}
-
-void PosixPlatform::Post(std::function<void()> task) {
-  asio::post(impl_->io, [impl = impl_.get(), task = std::move(task)] {
-    if (!impl->ended) task();
-  });
-}
-
-void PosixPlatform::Yield() {
-  if (!impl_->ended) impl_->io.poll();
-}
-
-// Never spins: between events it sleeps in Asio's wait for the next one,
-// bounded by the deadline.
-bool PosixPlatform::RunUntil(const std::function<bool()>& done,
-                             double deadline_seconds) {
-  while (!impl_->ended) {
-    impl_->io.poll();
-    if (impl_->ended || done()) break;
-    const double left = deadline_seconds - SteadySeconds();
-    if (left <= 0) break;
-    impl_->io.run_one_for(std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(left)));
-  }
-  return done();
-}
-
-void PosixPlatform::EndNow(int exit_code) {
-  if (impl_->exit_process) std::_Exit(exit_code);
-  impl_->ended = true;
-  impl_->io.stop();
-}
-
-void PosixPlatform::SetCloseHandler(std::function<void()> on_close) {
-  impl_->on_close = std::move(on_close);
-}
-
-double PosixPlatform::SteadySeconds() {
-  return std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
-}
-
-double PosixPlatform::SecondsSinceMidnight() {
+double RealPlatform::SecondsSinceMidnight() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   tm local{};
@@ -231,14 +105,14 @@ double PosixPlatform::SecondsSinceMidnight() {
          now.tv_nsec / 1e9;
 }
 
-LocalDate PosixPlatform::Today() {
+LocalDate RealPlatform::Today() {
   const time_t now = ::time(nullptr);
   tm local{};
   ::localtime_r(&now, &local);
   return {local.tm_year + 1900, local.tm_mon + 1, local.tm_mday};
 }
 
-std::string PosixPlatform::ProgramFolder() {
+std::string RealPlatform::ProgramFolder() {
   std::string path(4096, '\0');
   const ssize_t n = ::readlink("/proc/self/exe", path.data(), path.size());
   if (n <= 0) return ".";
@@ -248,7 +122,7 @@ std::string PosixPlatform::ProgramFolder() {
   return path.substr(0, cut);
 }
 
-std::optional<std::string> PosixPlatform::ReadFile(const std::string& path) {
+std::optional<std::string> RealPlatform::ReadFile(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   std::string data;
@@ -271,7 +145,7 @@ std::optional<std::string> PosixPlatform::ReadFile(const std::string& path) {
 }
 
 // A folder opens on POSIX, but it is no file to read.
-bool PosixPlatform::CanOpenForReading(const std::string& path) {
+bool RealPlatform::CanOpenForReading(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   struct stat info {};
@@ -280,12 +154,12 @@ bool PosixPlatform::CanOpenForReading(const std::string& path) {
   return file;
 }
 
-bool PosixPlatform::AppendToFile(const std::string& path,
+bool RealPlatform::AppendToFile(const std::string& path,
                                  const std::string& data) {
   return WriteWithFlags(path, data, O_APPEND);
 }
 
-bool PosixPlatform::WriteFile(const std::string& path,
+bool RealPlatform::WriteFile(const std::string& path,
                               const std::string& data) {
   return WriteWithFlags(path, data, O_TRUNC);
 }
@@ -293,7 +167,7 @@ bool PosixPlatform::WriteFile(const std::string& path,
 // The command line is the path of the file to run. A pipe that closes on exec
 // tells the parent whether the exec succeeded, so a missing or
 // non-executable file is reported as a failure, not as a child that dies.
-bool PosixPlatform::StartProcess(const std::string& command_line, int) {
+bool RealPlatform::StartProcess(const std::string& command_line, int) {
   int report[2];
   if (::pipe2(report, O_CLOEXEC) != 0) return false;
   const pid_t pid = ::fork();
@@ -327,13 +201,13 @@ bool PosixPlatform::StartProcess(const std::string& command_line, int) {
   return n == 0;
 }
 
-int PosixPlatform::PlatformNumber() { return kPlatformPosix; }
+int RealPlatform::PlatformNumber() { return kPlatformPosix; }
 
 // The running copy holds an exclusive lock on its own executable file; a
 // second copy of the same file finds it taken. Copies in other folders are
 // other files and do not see each other.
-bool PosixPlatform::AnotherInstanceRunning() {
-  if (impl_->instance_lock_fd >= 0) return false;
+bool RealPlatform::AnotherInstanceRunning() {
+  if (impl_->os->instance_lock_fd >= 0) return false;
   std::string exe(4096, '\0');
   const ssize_t n = ::readlink("/proc/self/exe", exe.data(), exe.size());
   if (n <= 0) return false;
@@ -345,18 +219,14 @@ bool PosixPlatform::AnotherInstanceRunning() {
     ::close(fd);
     return taken;
   }
-  impl_->instance_lock_fd = fd;
+  impl_->os->instance_lock_fd = fd;
   return false;
-}
-
-std::unique_ptr<TcpClient> PosixPlatform::NewTcpClient() {
-  return NewAsioTcpClient(impl_->io);
 }
 
 // The first IPv4 address of an interface that is up and not the loopback, in
 // the order the system lists its interfaces; 127.0.0.1 on a machine that has
 // no other (as in a private network namespace).
-std::string PosixPlatform::LocalIPv4Address() {
+std::string RealPlatform::LocalIPv4Address() {
   ifaddrs* list = nullptr;
   if (::getifaddrs(&list) != 0) return "127.0.0.1";
   std::string address = "127.0.0.1";
@@ -374,7 +244,7 @@ std::string PosixPlatform::LocalIPv4Address() {
   return address;
 }
 
-std::vector<std::string> PosixPlatform::LocalAddresses() {
+std::vector<std::string> RealPlatform::LocalAddresses() {
   std::vector<std::string> addresses{"127.0.0.1"};
   ifaddrs* list = nullptr;
   if (::getifaddrs(&list) != 0) return addresses;
@@ -390,24 +260,17 @@ std::vector<std::string> PosixPlatform::LocalAddresses() {
   return addresses;
 }
 
-std::string PosixPlatform::ResolveIPv4(const std::string& host) {
-  return AsioResolveIPv4(impl_->io, host);
+// Paths and files are bytes on Linux; the log and batch files take the
+// program's texts as they are.
+std::optional<std::string> RealPlatform::InCodePage(const std::string& text,
+                                                    CodePage) {
+  return text;
 }
 
-std::unique_ptr<UdpSocket> PosixPlatform::NewUdpSocket() {
-  return NewAsioUdpSocket(impl_->io);
-}
-
-std::unique_ptr<TcpListener> PosixPlatform::NewTcpListener() {
-  return NewAsioTcpListener(impl_->io);
-}
+char RealPlatform::PathSeparator() const { return '/'; }
 
 // There is no service control manager on POSIX; PlatformNumber() keeps the
 // program from asking.
-bool PosixPlatform::ConnectService() { return false; }
-
-void PosixPlatform::SetServiceHandler(std::function<void(int)> on_state) {
-  impl_->on_service = std::move(on_state);
-}
+bool RealPlatform::ConnectService() { return false; }
 
 }  // namespace platform
