@@ -4,6 +4,10 @@
 #define KOVRAN_PLATFORM_REAL_PLATFORM_IMPL_H_
 
 #include <asio.hpp>
+// windows.h, which Asio brings on Windows, makes Yield() a macro of its own.
+#ifdef Yield
+#undef Yield
+#endif
 #include <chrono>
 #include <functional>
 #include <memory>

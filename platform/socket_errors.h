@@ -4,6 +4,10 @@
 #define KOVRAN_PLATFORM_SOCKET_ERRORS_H_
 
 #include <asio/error_code.hpp>
+// windows.h, which Asio brings on Windows, makes Yield() a macro of its own.
+#ifdef Yield
+#undef Yield
+#endif
 #include <string>
 
 namespace platform {

@@ -1,18 +1,13 @@
 // The contract of Platform, run against the virtual-time fake and the real
-// POSIX implementation alike so that the two cannot drift apart; then what
+// implementation alike so that the two cannot drift apart; then what
 // only one of them can show.
 //
 // Real timers fire late at times but never early, so real-time checks only
 // say "not before", and waiting has a generous deadline. Virtual time is
 // exact, and the same checks demand exactness.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <asio/error.hpp>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -25,7 +20,6 @@
 
 #include "platform/fake_platform.h"
 #include "platform/real_platform.h"
-#include "platform/socket_errors.h"
 #include "platform/tcp_client.h"
 
 namespace platform {
@@ -41,22 +35,25 @@ struct FakeDriver {
   static constexpr bool kVirtualTime = true;
   void Pass(Duration d) { p.Advance(d); }
   void Work(Duration d) { p.Advance(d); }  // virtual time moves only here
-  void RequestClose(int /*signal*/) { p.RequestClose(); }
   FakePlatform p;
   std::string folder = p.program_folder;
 };
 
 struct RealDriver {
   static constexpr bool kVirtualTime = false;
-  RealDriver() { folder = ::mkdtemp(pattern.data()) ? pattern : ""; }
+  RealDriver() {
+    const auto stamp = Clock::now().time_since_epoch().count();
+    folder = (fs::temp_directory_path() / ("kovran-" + std::to_string(stamp)))
+                 .string();
+    fs::create_directory(folder, ignored);
+  }
   ~RealDriver() { fs::remove_all(folder, ignored); }
   void Pass(Duration d) { p.RunFor(std::chrono::ceil<Ms>(d)); }
   void Work(Duration d) {  // keeps the event thread busy
     for (auto end = Clock::now() + d; Clock::now() < end;) continue;
   }
-  void RequestClose(int signal) { ::raise(signal); }
   RealPlatform p{/*exit_process=*/false};
-  std::string pattern = fs::temp_directory_path() / "kovran-XXXXXX", folder;
+  std::string folder;
   std::error_code ignored;
 };
 
@@ -214,6 +211,7 @@ TEST(RealPlatformTest, ListenerOffersConnectionsThatCarryData) {
   client->Connect("127.0.0.1", listener->LocalPort());
   ASSERT_TRUE(RunUntil(d, [&] { return client_closed; })) << "not taken";
   take = true;
+  connected = false;
   client->Connect("127.0.0.1", listener->LocalPort());
   ASSERT_TRUE(RunUntil(d, [&] { return server && connected; }));
   server->SetEvents({.on_data = [&] { at_server += server->ReadAll(); },
@@ -229,49 +227,6 @@ TEST(RealPlatformTest, ListenerOffersConnectionsThatCarryData) {
   client->Close();
   EXPECT_TRUE(RunUntil(d, [&] { return server_closed; }));
   EXPECT_EQ(errors, 1);
-}
-
-TEST(RealPlatformTest, StartProcessRunsExecutableFilesWithoutWaiting) {
-  RealDriver d;
-  // The runnable script leaves its mark half a second after it started.
-  const std::string run = d.folder + "/run.sh", plain = d.folder + "/plain.sh";
-  std::ofstream(run) << "#!/bin/sh\nsleep 0.5\ntouch \"$0.ran\"\n";
-  std::ofstream(plain) << "#!/bin/sh\n";
-  fs::permissions(run, fs::perms::owner_all);
-  for (const auto& path : {d.folder + "/missing.sh", plain, d.folder}) {
-    EXPECT_FALSE(d.p.StartProcess(path, kWindowHidden)) << path;
-  }
-  ASSERT_TRUE(d.p.StartProcess(run, kWindowNormalFocus));
-  EXPECT_FALSE(fs::exists(run + ".ran")) << "waited for the process";
-  EXPECT_TRUE(RunUntil(d, [&] { return fs::exists(run + ".ran"); }));
-}
-
-// The program folder and the single-copy rule are shown by running the
-// program itself.
-TEST(RealPlatformTest, TodayIsTheLocalDate) {
-  RealPlatform p(/*exit_process=*/false);
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  ::localtime_r(&now, &local);
-  const LocalDate today = p.Today();
-  EXPECT_EQ(std::tuple(today.year, today.month, today.day),
-            std::tuple(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday));
-}
-
-TEST(SocketErrorsTest, OsErrorsBecomeWindowsSocketsNumbers) {
-  auto os = [](int e) { return asio::error_code(e, asio::system_category()); };
-  // Low BSD numbers keep their meaning, offset by 10000; anything else still
-  // gets a number that is neither reset nor refused.
-  const std::pair<asio::error_code, int> cases[] = {
-      {asio::error::connection_refused, wsa::kConnectionRefused},
-      {asio::error::connection_reset, wsa::kConnectionReset},
-      {asio::error::broken_pipe, wsa::kConnectionReset},
-      {asio::error::host_not_found, wsa::kHostNotFound},
-      {os(EACCES), 10013},
-      {os(ENOTRECOVERABLE), 10000}};
-  for (const auto& [code, number] : cases) {
-    EXPECT_EQ(ToSocketError(code).number, number) << code.message();
-  }
 }
 
 // Only a connecting socket can be accepted, and by a posted event.
