@@ -3,7 +3,7 @@
 #ifndef KOVRAN_PLATFORM_SOCKET_ERRORS_H_
 #define KOVRAN_PLATFORM_SOCKET_ERRORS_H_
 
-#include <asio/error_code.hpp>
+#include <asio/error.hpp>
 // windows.h, which Asio brings on Windows, makes Yield() a macro of its own.
 #ifdef Yield
 #undef Yield

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <asio/error.hpp>
 #include <cerrno>
 #include <chrono>
 #include <ctime>

@@ -1,0 +1,95 @@
+// What only the real platform on Windows can show: paths in UTF-8, batch
+// files run through cmd from a folder with blanks, the code pages, the
+// instance mutex and the native socket error numbers.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "platform/real_platform.h"
+#include "platform/socket_errors.h"
+#include "platform/tcp_client.h"
+
+namespace platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using CodePage = Platform::CodePage;
+
+bool RunUntil(RealPlatform& p, const std::function<bool()>& done) {
+  for (int i = 0; i < 10000 && !done(); ++i) p.RunFor(1ms);
+  return done();
+}
+
+TEST(WindowsPlatformTest, ProgramFolderIsTheExecutablesInUtf8) {
+  RealPlatform p(/*exit_process=*/false);
+  const std::string folder = p.ProgramFolder();
+  EXPECT_EQ(p.PathSeparator(), '\\');
+  ASSERT_FALSE(folder.empty());
+  EXPECT_NE(folder.back(), '\\');
+  EXPECT_TRUE(p.CanOpenForReading(folder + "\\kovran_unit_tests.exe"));
+  EXPECT_FALSE(p.CanOpenForReading(folder));
+  EXPECT_EQ(p.PlatformNumber(), kPlatformNt);
+}
+
+// A batch file in a folder with blanks runs hidden, without waiting, in
+// its own folder; what cannot run is a failure at once.
+TEST(WindowsPlatformTest, BatchFilesRunThroughCmdFromFoldersWithBlanks) {
+  RealPlatform p(/*exit_process=*/false);
+  const fs::path folder =
+      fs::temp_directory_path() /
+      ("kovran blanks " +
+       std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+  fs::create_directories(folder);
+  const std::string batch = (folder / "RUN ME.BAT").string();
+  std::ofstream(batch) << "@echo ran> ran.txt\r\n";
+  for (const std::string& path :
+       {(folder / "MISSING.BAT").string(), (folder / "NONE.EXE").string(),
+        folder.string(), std::string()}) {
+    EXPECT_FALSE(p.StartProcess(path, kWindowHidden)) << path;
+  }
+  ASSERT_TRUE(p.StartProcess(batch, kWindowHidden));
+  EXPECT_TRUE(RunUntil(p, [&] { return fs::exists(folder / "ran.txt"); }));
+  std::error_code ignored;
+  fs::remove_all(folder, ignored);
+}
+
+TEST(WindowsPlatformTest, TextsFitTheCodePagesExactlyOrNotAtAll) {
+  RealPlatform p(/*exit_process=*/false);
+  const std::string ascii = "C:\\Program Files\\KOVRAN UPS";
+  const std::string chinese = "C:\\\xE4\xB8\xAD";  // no place in either
+  for (CodePage page : {CodePage::kConsole, CodePage::kLog}) {
+    EXPECT_EQ(p.InCodePage(ascii, page), ascii);
+    EXPECT_EQ(p.InCodePage(chinese, page), std::nullopt);
+    EXPECT_EQ(p.InCodePage("C:\\\xFF", page), std::nullopt) << "not UTF-8";
+  }
+}
+
+// One copy per program folder: a second finds the first, and the folder is
+// free again once the first has gone.
+TEST(WindowsPlatformTest, OneCopyPerFolderUntilItEnds) {
+  auto first = std::make_unique<RealPlatform>(false);
+  EXPECT_FALSE(first->AnotherInstanceRunning());
+  EXPECT_FALSE(first->AnotherInstanceRunning()) << "it holds the mutex";
+  EXPECT_TRUE(RealPlatform(false).AnotherInstanceRunning());
+  first.reset();
+  EXPECT_FALSE(RealPlatform(false).AnotherInstanceRunning());
+}
+
+TEST(WindowsPlatformTest, SocketErrorsKeepTheirNativeNumbers) {
+  EXPECT_EQ(ToSocketError(asio::error::connection_refused).number,
+            wsa::kConnectionRefused);
+  EXPECT_EQ(ToSocketError(asio::error::connection_reset).number,
+            wsa::kConnectionReset);
+  EXPECT_EQ(ToSocketError(asio::error::timed_out).number, wsa::kTimedOut);
+  EXPECT_FALSE(ToSocketError(asio::error::connection_refused).description.empty());
+  EXPECT_FALSE(ListenerReusesAddress());
+}
+
+}  // namespace
+}  // namespace platform
