@@ -366,11 +366,11 @@ std::optional<std::string> RealPlatform::InCodePage(const std::string& text,
       nullptr, 0);
   if (wide_size <= 0) return std::nullopt;
   const std::wstring wide = Wide(text);
-  BOOL lost = FALSE;
   const int n = ::WideCharToMultiByte(cp, WC_NO_BEST_FIT_CHARS, wide.data(),
                                       static_cast<int>(wide.size()), nullptr, 0,
-                                      nullptr, &lost);
-  if (n <= 0 || lost) return std::nullopt;
+                                      nullptr, nullptr);
+  if (n <= 0) return std::nullopt;
+  BOOL lost = FALSE;
   std::string out(static_cast<std::size_t>(n), '\0');
   ::WideCharToMultiByte(cp, WC_NO_BEST_FIT_CHARS, wide.data(),
                         static_cast<int>(wide.size()), out.data(), n, nullptr,

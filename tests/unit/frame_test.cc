@@ -205,6 +205,12 @@ TEST_F(FrameTest, OnNtTheServiceIsAttachedOrInstalled) {
     fake_->RunReady();
     EXPECT_EQ(main_->state.STOPPED, stopped) << state;
   }
+  // A folder that cmd cannot read in its code page makes no batch file.
+  Reset("MAXLOCALUSERS:1", '1', kLanguage, /*nt=*/true);
+  fake_->unrepresentable = "\\K";
+  main_->Load();
+  EXPECT_EQ(Log(), "New Start /started|no batch file|QueryUnload Program ended|");
+  EXPECT_EQ(fake_->files.count(kBatch), 0u);
 }
 
 }  // namespace
