@@ -364,8 +364,10 @@ std::optional<std::string> RealPlatform::InCodePage(const std::string& text,
   const int wide_size = ::MultiByteToWideChar(
       CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
       nullptr, 0);
-  if (wide_size <= 0) return std::nullopt;
-  const std::wstring wide = Wide(text);
+  if (wide_size <= 0) return std::nullopt;  // not UTF-8
+  std::wstring wide(static_cast<std::size_t>(wide_size), L'\0');
+  ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
+                        static_cast<int>(text.size()), wide.data(), wide_size);
   const int n = ::WideCharToMultiByte(cp, WC_NO_BEST_FIT_CHARS, wide.data(),
                                       static_cast<int>(wide.size()), nullptr, 0,
                                       nullptr, nullptr);
