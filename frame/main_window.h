@@ -20,6 +20,10 @@ namespace frame {
 inline constexpr int kExitNormal = 0;
 inline constexpr int kExitFailure = 1;
 
+// The reply watchdog's period in server mode; in SNMP mode it follows the
+// polling time.
+inline constexpr int32_t kServerReplyWatchdogMs = 18000;
+
 // The direct calls between subsystems. Each subsystem fills in its own
 // procedures when it is made; a slot nobody filled does nothing (and a
 // bool-returning one reports false), so every part runs without the others.
@@ -36,6 +40,11 @@ struct Parts {
   Call<> SAYMASIFIR = [] {};
   Call<> PENCEREKUR = [] {};
   Call<> ACIL = [] {};
+  // A notice that came while no power event is in progress.
+  Call<> NoticeAlert = [] {};
+  // A reading of the UPS (a status record, an evaluated pair of values)
+  // from a poll sent at that moment of the steady clock.
+  Call<double> FreshReading = [](double) {};
 
   // Server link.
   Call<> PollStep = [] {};
@@ -53,6 +62,8 @@ struct Parts {
   Call<std::function<void()>> WhenManagerFree = [](std::function<void()> task) {
     task();
   };
+  // Whether a discovery's collection step (identifying and reporting) runs.
+  std::function<bool()> CollectionStepRunning = [] { return false; };
 
   // Expiry handlers of Timer1..Timer7, by timer number (entry 0 unused).
   std::array<Call<>, 8> timer_expiry;

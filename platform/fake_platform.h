@@ -40,6 +40,10 @@ class FakePlatform : public Platform {
   void Advance(Duration d);
   // Runs posted tasks and timers due now, without moving time.
   void RunReady();
+  // The program is held for `d` (the PC sleeps, the process is stopped):
+  // time moves on and nothing runs. What came due meanwhile runs at the next
+  // RunReady() or Advance(), each timer once.
+  void Stall(Duration d) { now_ += d; }
   // Runs `task` once, `delay` from now, as an event of the loop (a reply
   // coming over the network, say).
   void At(Duration delay, std::function<void()> task);

@@ -17,6 +17,11 @@ double PollingSeconds(const std::string& POLLINGTIME) {
   return p > 0 ? p : 0;
 }
 
+double ReplyWatchdogSeconds(const frame::MainWindow& main) {
+  if (!main.SnmpMode()) return frame::kServerReplyWatchdogMs / 1000.0;
+  return 2 * PollingSeconds(main.state.SETTINGS[frame::POLLINGTIME]) + 1;
+}
+
 MainTick::MainTick(frame::MainWindow& main) : main_(main), s_(main.state) {
   main.parts.timer_expiry[1] = [this] { Timer1_Timer(); };
   main.parts.timer_expiry[2] = [this] { Timer2_Timer(); };
@@ -71,11 +76,11 @@ void MainTick::SendPoll() {
   }
   s_.SNMPVALUES[1].clear();
   s_.SNMPVALUES[2].clear();
+  poll_sent_at_ = main_.platform.SteadySeconds();
   main_.parts.POLLSNMP();
   if (main_.ending()) return;
   s_.POLLPHASE = 2;
-  const double p = PollingSeconds(s_.SETTINGS[frame::POLLINGTIME]);
-  main_.Timer2->SetInterval(Milliseconds(2 * p + 1));
+  main_.Timer2->SetInterval(Milliseconds(ReplyWatchdogSeconds(main_)));
   main_.Timer2->SetEnabled(true);
 }
 
@@ -91,6 +96,7 @@ void MainTick::LookForAnswer() {
   if (V1.empty() || V2.empty()) return Tail();
   if (V1.starts_with("3XX&") || V1.starts_with("USE&")) return Notice(V1);
   main_.parts.PowerEvaluation(V1, V2);
+  main_.parts.FreshReading(poll_sent_at_);
   Tail();
 }
 
@@ -100,7 +106,13 @@ void MainTick::Notice(const std::string& V1) {
   if (V1.starts_with("3XX&")) s_.COMMOK = 0;
   if (V1 != s_.LASTSNMPTEXT) {
     s_.LASTSNMPTEXT = V1;
-    main_.parts.PENCEREKUR();
+    // Only a power event is restarted by a notice: on mains (the state that
+    // a mains return with a low battery leaves included) it is an alert.
+    if (s_.ONBATTERY == 1) {
+      main_.parts.PENCEREKUR();
+    } else {
+      main_.parts.NoticeAlert();
+    }
   }
 }
 

@@ -16,6 +16,10 @@ namespace power {
 // as 0, so that neither the tick nor the watchdog can be switched off by it.
 double PollingSeconds(const std::string& POLLINGTIME);
 
+// The reply watchdog's period in the mode the settings select: 18 s in
+// server mode, (2P + 1) s in SNMP mode.
+double ReplyWatchdogSeconds(const frame::MainWindow& main);
+
 class MainTick {
  public:
   // Registers the handlers of Timer1 and Timer2 with `main`.
@@ -39,6 +43,8 @@ class MainTick {
 
   frame::MainWindow& main_;
   frame::ProgramState& s_;
+  // When the poll under way was sent, on the steady clock.
+  double poll_sent_at_ = 0;
 };
 
 }  // namespace power

@@ -20,6 +20,13 @@ class ShutdownController {
   void PENCEREKUR();
   // Raises the alert for the local windows and logs the detail text.
   void ACIL();
+  // A notice while no power event is in progress: the alert without a
+  // countdown, ended by the all-clear 15 s later unless another alert comes
+  // first.
+  void NoticeAlert();
+  // A reading of the UPS came from a poll sent at `poll_sent_at` (steady
+  // clock): after a gap it lets the countdown reach its final phase.
+  void FreshReading(double poll_sent_at);
 
   void Timer3_Timer();  // countdown tick
   void Timer4_Timer();  // all-clear
@@ -38,6 +45,18 @@ class ShutdownController {
   // clock is set.
   double start_steady_ = 0;
   double start_fraction_ = 0;
+
+  // Notes a countdown tick at `now` (steady clock): a gap holds the final
+  // phase back; watching time since the gap counts towards its end.
+  void NoteTick(double now);
+  // Whether the final phase is held back by a gap.
+  bool Held();
+
+  double last_tick_ = 0;     // the last countdown tick, or the countdown's start
+  bool held_ = false;
+  double fresh_after_ = 0;   // readings of polls sent later than this count
+  double held_for_ = 0;      // seconds of watching since the gap
+  bool notice_all_clear_ = false;  // Timer4 was armed by NoticeAlert
 };
 
 }  // namespace power

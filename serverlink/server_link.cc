@@ -59,8 +59,9 @@ void ServerLink::PollStep() {
 // after LINKSTATE is set here, so the link is never left waiting.
 void ServerLink::Attempt() {
   winsock1_->Close();
+  attempt_at_ = main_.platform.SteadySeconds();
   winsock1_->Connect(s_.SETTINGS[frame::HOST], s_.CLIENTPORT);
-  main_.Timer2->SetInterval(kReplyWatchdogMs);
+  main_.Timer2->SetInterval(frame::kServerReplyWatchdogMs);
   main_.Timer2->SetEnabled(true);
   s_.LINKSTATE = kConnecting;
 }
@@ -84,7 +85,13 @@ void ServerLink::Winsock1_DataArrival() {
     // The detail shown is the server's own text behind "USE&", up to the end
     // of its line. The connection stays open; the next attempt closes it.
     s_.DETAILTEXT = s_.REPLYTEXT.substr(4, s_.REPLYTEXT.find("\r\n") - 4);
-    main_.parts.PENCEREKUR();
+    // Only a power event (flag 2 or 4 up) is restarted by a notice;
+    // otherwise it is an alert.
+    if (CharAt(s_.LASTHEADER, 2) == "1" || CharAt(s_.LASTHEADER, 4) == "1") {
+      main_.parts.PENCEREKUR();
+    } else {
+      main_.parts.NoticeAlert();
+    }
     EndSteps();
     return;
   }
@@ -99,6 +106,7 @@ void ServerLink::Winsock1_DataArrival() {
     return;
   }
   HandleStatusRecord();
+  main_.parts.FreshReading(attempt_at_);
   EndSteps();
 }
 

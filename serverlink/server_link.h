@@ -21,8 +21,6 @@ inline constexpr int16_t kClosedByServer = 5;
 inline constexpr int16_t kNoReply = 10;
 inline constexpr int16_t kSocketError = 20;
 
-inline constexpr int32_t kReplyWatchdogMs = 18000;
-
 class ServerLink {
  public:
   // Makes Winsock1 and registers the poll step, the socket close and the
@@ -52,6 +50,8 @@ class ServerLink {
   frame::MainWindow& main_;
   frame::ProgramState& s_;
   std::unique_ptr<platform::TcpClient> winsock1_;
+  // When the attempt under way started, on the steady clock.
+  double attempt_at_ = 0;
 };
 
 // Character `position` (1-based) of `text` as a text of one character, or

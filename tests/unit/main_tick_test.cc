@@ -111,16 +111,17 @@ TEST(MainTickTest, SnmpPollCycleFollowsThePollingTime) {
   }
 }
 
-// "3XX&" and "USE&" in place of the first value show their text, start the
-// countdown with its length as it stands once per new text (logging it), and
+// "3XX&" and "USE&" in place of the first value show their text, restart the
+// countdown on battery with its length as it stands once per new text
+// (logging it), and
 // have the next poll sent half a second later; a reading in between does not
 // make the same notice new again. Only "3XX&" clears COMMOK.
 TEST(MainTickTest, NoticesStartTheCountdownOncePerNewText) {
   for (const std::string prefix : {"3XX&", "USE&"}) {
     SCOPED_TRACE(prefix);
     AgentRig r("CONNECTION:SNMP\r\nPOLLINGTIME:10\r\n");
-    std::tie(r.v1, r.v2, r.s.DELAYSECONDS, r.s.COMMOK) =
-        std::tuple(prefix + "UPS busy", "0", 200, 1);
+    std::tie(r.v1, r.v2, r.s.DELAYSECONDS, r.s.COMMOK, r.s.ONBATTERY) =
+        std::tuple(prefix + "UPS busy", "0", 200, 1, 1);
     r.AdvanceTo(5s);
     EXPECT_THAT(r.polls, ElementsAre(1000, 2500, 4000));
     EXPECT_EQ(std::tuple(r.s.DETAILTEXT, r.s.COMMOK, r.main.Timer2->Enabled(),

@@ -208,11 +208,13 @@ TEST(ServerReplyTest, RecordsAreReadUpToTheirFirstLineEnd) {
   }
 }
 
-// A use-reply shows its first line, starts the countdown with the length as
-// it stands, keeps COMMOK, and leaves the connection open.
+// A use-reply in a power failure shows its first line, restarts the
+// countdown with the length as it stands, keeps COMMOK, and leaves the
+// connection open.
 TEST(ServerReplyTest, UseReplyStartsTheCountdownAndLeavesTheConnectionOpen) {
   Rig r;
   r.AdvanceTo(1s);
+  r.s.LASTHEADER = Header("1000", "0200");
   r.s.DELAYSECONDS = 200;
   r.s.COMMOK = 1;
   r.Answer("USE&first\r\nsecond\r\n");

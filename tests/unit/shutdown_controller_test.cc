@@ -42,8 +42,10 @@ TEST(ShutdownControllerTest, Countdowns) {
       {kOn, 300, 311s, Left(69), 297400ms, 310s, restart_70},
       {kOn, 3, 1400ms, Text(25), 1400ms},
       {kOn, 4, 1400ms, Text(25), 1400ms},
-      // Ticks held up past the last seconds: the countdown has run out.
-      {kOn, 10, 21s, Text(25), 21s, 2s, held},
+      // Ticks held up past the last seconds: the countdown has run out, but
+      // after that gap the final phase waits for a fresh reading; none comes
+      // here, so it comes one reply watchdog period (18 s) later.
+      {kOn, 10, 21s, Left(0), 39s, 2s, held},
       {kOn, 0, 600s, "from before", 0s},
       {kOn, -32768, 600s, "from before", 0s},
       {"ENABLESHUT: 2\r\n", 10, 7400ms, Text(25), 7400ms},
