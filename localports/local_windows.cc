@@ -103,10 +103,11 @@ void LocalWindows::Winsock3_DataArrival(int index, const std::string& D,
   // The remaining requests read and write the window's notice entry.
   if (index > kWindowsWithNotices) return;
   std::string R;
-  if (D.starts_with("DISCOV")) {
-    // Asked while an identification waits, the discovery starts once the
-    // collection step has returned: the step's list must not be emptied
-    // under it.
+  if (D.starts_with("DISCOV") && main_.parts.CollectionStepRunning()) {
+    // The discovery under way is reporting: this window gets its result.
+    s_.WINDOWMSGS[index] = "DISCOVER";
+  } else if (D.starts_with("DISCOV")) {
+    // Asked while a poll waits, the discovery starts once it has returned.
     main_.parts.WhenManagerFree([this, index] {
       s_.WINDOWMSGS[index] = "DISCOVER";
       s_.DISCOVERREQUEST = 1;

@@ -26,6 +26,7 @@ AgentLink::AgentLink(frame::MainWindow& main)
   parts.WhenManagerFree = [this](std::function<void()> task) {
     WhenManagerFree(std::move(task));
   };
+  parts.CollectionStepRunning = [this] { return step_running_; };
   parts.timer_expiry[5] = [this] { Timer5_Timer(); };
   Manager.SetOnReply([this] { Manager_Reply(); });
 }
@@ -133,7 +134,13 @@ void AgentLink::Timer5_Timer() {
     waiting_tasks_.push_back([this] { Timer5_Timer(); });
     return;
   }
+  // The step takes the discovery over while it runs: the main tick rests
+  // (it would otherwise start a discovery asked for during the collection,
+  // queued behind the step), and a window's "DISCOV" meanwhile waits for
+  // this step's result.
   OwnManager([this] {
+    step_running_ = true;
+    s_.DISCOVERREQUEST = 2;
     s_.DISCOVERACTIVE = kFalse;
     main_.platform.Yield();
     std::vector<std::string>& list = main_.List2;
@@ -151,6 +158,7 @@ void AgentLink::Timer5_Timer() {
     }
     if (main_.ending()) return;
     main_.Timer5->SetEnabled(false);
+    step_running_ = false;
     s_.DISCOVERREQUEST = 0;
     std::string result = "DISCOVER";
     for (const std::string& entry : list) {

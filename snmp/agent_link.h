@@ -58,6 +58,7 @@ class AgentLink {
   frame::ProgramState& s_;
   bool manager_owned_ = false;
   bool in_reply_ = false;
+  bool step_running_ = false;
   std::deque<std::function<void()>> waiting_tasks_;
 };
 

@@ -3,6 +3,9 @@
 // discovery's timeline in virtual time.
 #include "tests/unit/program_fixture.h"
 
+#include <algorithm>
+#include <tuple>
+
 #include "snmp/message.h"
 
 namespace kovran_testing {
@@ -200,27 +203,32 @@ TEST(DiscoveryTest, CollectsForTwoSecondsThenIdentifiesEveryEntry) {
   EXPECT_EQ(r.requests.size(), 6u);  // the poll resumes
 }
 
-// A "DISCOV" from a window while the identification waits restarts the
-// discovery only after the step has reported; with no agent the result is
-// "No UPS found.".
-TEST(DiscoveryTest, AWindowsRequestDuringTheStepWaitsForIt) {
-  SnmpRig r("CONNECTION:SERVER\r\nLOCALWINDOWPORT:5000\r\nMAXLOCALUSERS:1\r\n");
+// A second "DISCOV" inside the collection window empties the list; the
+// collection step comes before the next tick and reports what came after
+// (one agent, whose identification times out), and a "DISCOV" during the
+// step waits for that result: one broadcast, one result.
+TEST(DiscoveryTest, TheCollectionStepAbsorbsLaterRequests) {
+  SnmpRig r("LOCALWINDOWPORT:5000\r\nMAXLOCALUSERS:2\r\n");
   r.agents = {"10.0.0.4"};
+  r.delay = 1800ms;  // after the second "DISCOV"
   r.answer = [](const std::string&, snmp::Message m) -> std::optional<snmp::Message> {
     if (m.bindings[0].oid == snmp::kSysObjectIdOid) return std::nullopt;
     return m;
   };
-  auto& window = *r.fake.network.udp_bound.at(5001);
-  window.Deliver("DISCOV");
-  r.fake.At(2500ms, [&] {
-    r.agents.clear();
-    window.Deliver("DISCOV");
-  });
-  r.AdvanceTo(2s);
-  EXPECT_EQ(r.fake.Now(), 5s);
+  auto& window1 = *r.fake.network.udp_bound.at(5001);
+  auto& window2 = *r.fake.network.udp_bound.at(5003);
+  r.AdvanceTo(500ms);  // as the tick starts it, between two ticks
+  std::tie(r.s.STOPPED, r.s.DISCOVERREQUEST) = std::tuple(0, 2);
+  r.link.DISCOVERAGENTS();
+  r.fake.At(1700ms, [&] { window1.Deliver("DISCOV"); });
+  r.fake.At(3500ms, [&] { window2.Deliver("DISCOV"); });
+  r.AdvanceTo(3s);  // the step waits for the identification until 5.5 s
+  EXPECT_EQ(r.fake.Now(), 5500ms);
   EXPECT_EQ(r.s.WINDOWMSG, "DISCOVER10.0.0.4\r\n");
-  r.AdvanceTo(7s + 200ms);
-  EXPECT_EQ(r.s.WINDOWMSG, "DISCOVERNo UPS found.\r\n");
+  r.AdvanceTo(12s);
+  EXPECT_EQ(std::ranges::count(r.requests, "255.255.255.255"), 1);
+  EXPECT_EQ(r.s.WINDOWMSG, "DISCOVER10.0.0.4\r\n");
+  EXPECT_EQ(r.s.WINDOWMSGS[2], "DISCOVER");
 }
 
 }  // namespace
