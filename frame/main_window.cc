@@ -44,6 +44,7 @@ void MainWindow::Load() {
   state.EMERGENCYTEXT = "0";
   state.LASTHEADER = "#00000000";
   if (!LoadSettingsAtStart()) return;
+  parts.SettingsRead();
   Timer1->SetInterval(1000);
   Timer7->SetInterval(1000);
   parts.MULTIPORT();

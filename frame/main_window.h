@@ -36,6 +36,10 @@ struct Parts {
   Call<> OpenControlPort = [] {};  // local control listener
   Call<int> DestroyWindowSocket = [](int) {};  // unload step, element i
 
+  // After a reading of the settings with the messages loaded (start-up's
+  // second reading, "SETUPR").
+  Call<> SettingsRead = [] {};
+
   // Shutdown controller.
   Call<> SAYMASIFIR = [] {};
   Call<> PENCEREKUR = [] {};

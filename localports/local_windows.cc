@@ -28,8 +28,9 @@ platform::UdpSocket* LocalWindows::Winsock3(int i) const {
 }
 
 void LocalWindows::MULTIPORT() {
-  const std::string own_address = main_.platform.LocalIPv4Address();
+  const std::string& own_address = OwnAddress();
   winsock3_.resize(1);
+  window_ports_.resize(1);
   for (int32_t i = 1; i <= s_.MAXLOCALUSERS; ++i) {
     // Every step of the port arithmetic stays within 16 bits.
     const int32_t offset = 2 * (i - 1);
@@ -39,7 +40,8 @@ void LocalWindows::MULTIPORT() {
       return LogPortFailure();
     }
     auto socket = main_.platform.NewUdpSocket();
-    if (!socket->SetRemote(own_address, remote_port) || !socket->Bind(local_port)) {
+    if (!socket->SetRemote(own_address, remote_port) ||
+        !socket->Bind(local_port)) {
       return LogPortFailure();
     }
     socket->SetEvents({.on_datagram = [this, i](const std::string& data,
@@ -47,6 +49,7 @@ void LocalWindows::MULTIPORT() {
       Winsock3_DataArrival(i, data, sender);
     }});
     winsock3_.push_back(std::move(socket));
+    window_ports_.push_back(remote_port);
   }
 }
 
@@ -104,8 +107,7 @@ void LocalWindows::Winsock3_DataArrival(int index, const std::string& D,
   if (index > kWindowsWithNotices) return;
   std::string R;
   if (D.starts_with("DISCOV") && main_.parts.CollectionStepRunning()) {
-    // The discovery under way is reporting: this window gets its result.
-    s_.WINDOWMSGS[index] = "DISCOVER";
+    s_.WINDOWMSGS[index] = "DISCOVER";  // the step under way reports to it
   } else if (D.starts_with("DISCOV")) {
     // Asked while a poll waits, the discovery starts once it has returned.
     main_.parts.WhenManagerFree([this, index] {
@@ -120,6 +122,8 @@ void LocalWindows::Winsock3_DataArrival(int index, const std::string& D,
     if (const frame::Status s = main_.LOADSETTINGS(); !s.ok()) {
       s_.LOGLINE = s.message() + "; the previous settings stay";
       main_.WRITELOG();
+    } else {
+      main_.parts.SettingsRead();
     }
     s_.LOGLINE = s_.Message(49);
     main_.WRITELOG();
@@ -142,7 +146,24 @@ void LocalWindows::Winsock3_DataArrival(int index, const std::string& D,
   }
   if (s_.ENDREQUEST > 0) R = "ENDWINDOW";
   if (s_.SHUTDOWNFLAG == 1) R = "SHUTDOWN";
-  winsock3_[index]->Send(R);
+  Answer(index, R);
+}
+
+void LocalWindows::Answer(int index, const std::string& answer) {
+  winsock3_[index]->SetRemote(OwnAddress(), window_ports_[index]);
+  winsock3_[index]->Send(answer);
+}
+
+// Read again at most once a second, so that the windows keep hearing the
+// program after a new DHCP lease, a move to another network, or a start
+// before the adapter had its address.
+const std::string& LocalWindows::OwnAddress() {
+  const double now = main_.platform.SteadySeconds();
+  if (now - own_address_read_at_ >= kAddressRefreshSeconds) {
+    own_address_read_at_ = now;
+    own_address_ = main_.platform.LocalIPv4Address();
+  }
+  return own_address_;
 }
 
 }  // namespace localports

@@ -43,13 +43,20 @@ class LocalWindows {
 
  private:
   bool FromThisMachine(const std::string& sender);
+  // Sends `answer` to window `index` at the machine's address as it is now.
+  void Answer(int index, const std::string& answer);
+  // The machine's own IPv4 address, as it is now.
+  const std::string& OwnAddress();
   void LogPortFailure();
 
   frame::MainWindow& main_;
   frame::ProgramState& s_;
   std::vector<std::unique_ptr<platform::UdpSocket>> winsock3_;  // [0] unused
+  std::vector<int> window_ports_;                               // [0] unused
   std::vector<std::string> local_addresses_;
   double addresses_read_at_ = -1e9;
+  std::string own_address_;
+  double own_address_read_at_ = -1e9;
 };
 
 }  // namespace localports

@@ -321,18 +321,6 @@ class AsioTcpListener : public TcpListener {
 
 }  // namespace
 
-std::string AsioResolveIPv4(asio::io_context& io, const std::string& host) {
-  asio::error_code ec;
-  const auto address = asio::ip::make_address_v4(host, ec);
-  if (!ec) return address.to_string();
-  if (host.empty()) return "";
-  udp::resolver resolver(io);
-  for (const auto& entry : resolver.resolve(udp::v4(), host, "", ec)) {
-    if (!ec) return entry.endpoint().address().to_string();
-  }
-  return "";
-}
-
 std::unique_ptr<UdpSocket> NewAsioUdpSocket(asio::io_context& io) {
   return std::make_unique<AsioUdpSocket>(io);
 }

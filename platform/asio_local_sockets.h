@@ -16,9 +16,6 @@ inline constexpr int kAcceptBackoffMs = 100;
 
 std::unique_ptr<UdpSocket> NewAsioUdpSocket(asio::io_context& io);
 
-// Platform::ResolveIPv4 on Asio's resolver: a dotted address as it is, a
-// name through the system's resolver (blocking), the first IPv4 answer.
-std::string AsioResolveIPv4(asio::io_context& io, const std::string& host);
 std::unique_ptr<TcpListener> NewAsioTcpListener(asio::io_context& io);
 
 }  // namespace platform

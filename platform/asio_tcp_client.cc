@@ -49,8 +49,7 @@ class AsioTcpClient : public TcpClient {
     std::weak_ptr<Shared> weak = shared_;
     if (port <= 0 || port > 65535) {
       asio::post(shared_->io, [weak, generation] {
-        RaiseError(weak, generation,
-                   asio::error_code(EADDRNOTAVAIL, asio::system_category()));
+        RaiseError(weak, generation, AddressNotAvailable());
       });
       return;
     }

@@ -166,8 +166,9 @@ class Platform {
   virtual std::vector<std::string> LocalAddresses() = 0;
 
   // The IPv4 address of `host` (a name or a dotted address) in dotted form,
-  // or the empty text when it cannot be resolved. A name may block the
-  // caller while the resolver asks.
+  // or the empty text when it cannot be resolved. A dotted address returns
+  // at once; for a name the caller waits, serving events as RunUntil does,
+  // at most 3 s, and gets the empty text when no answer came by then.
   virtual std::string ResolveIPv4(const std::string& host) = 0;
 
   // A new UDP socket (the local windows' Winsock3, the SNMP manager's).

@@ -16,6 +16,9 @@ using Clock = RealPlatform::Impl::Clock;
 
 namespace {
 
+// How long ResolveIPv4 waits for a name.
+constexpr double kResolveSeconds = 3;
+
 class RealTimer : public Timer {
  public:
   struct State {
@@ -144,8 +147,43 @@ std::unique_ptr<TcpClient> RealPlatform::NewTcpClient() {
   return NewAsioTcpClient(impl_->io);
 }
 
+struct Resolution {
+  Resolution(asio::io_context& io, std::string name)
+      : host(std::move(name)), resolver(io) {}
+  std::string host;
+  asio::ip::udp::resolver resolver;
+  bool done = false;
+  std::string address;  // the first IPv4 answer; empty when there is none
+};
+
+// The system's resolver blocks its thread, and a dead name server may keep
+// it for half a minute; here it runs on Asio's resolver thread while the
+// loop serves events. A resolution given up stays under way, and later
+// calls for the same name wait for that one instead of queuing another
+// behind it (a call for another name meanwhile fails at once), so a long
+// outage of the name servers never piles resolutions up.
 std::string RealPlatform::ResolveIPv4(const std::string& host) {
-  return AsioResolveIPv4(impl_->io, host);
+  asio::error_code ec;
+  const auto dotted = asio::ip::make_address_v4(host, ec);
+  if (!ec) return dotted.to_string();
+  if (host.empty()) return "";
+  std::shared_ptr<Resolution> r = impl_->resolution;
+  if (r && !r->done && r->host != host) return "";
+  if (!r || r->done) {
+    r = std::make_shared<Resolution>(impl_->io, host);
+    impl_->resolution = r;
+    r->resolver.async_resolve(
+        asio::ip::udp::v4(), host, "",
+        [r](const asio::error_code& ec,
+            asio::ip::udp::resolver::results_type results) {
+          r->done = true;
+          if (!ec && !results.empty()) {
+            r->address = results.begin()->endpoint().address().to_string();
+          }
+        });
+  }
+  RunUntil([&r] { return r->done; }, SteadySeconds() + kResolveSeconds);
+  return r->done ? r->address : "";
 }
 
 std::unique_ptr<UdpSocket> RealPlatform::NewUdpSocket() {

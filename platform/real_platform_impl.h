@@ -23,6 +23,9 @@ struct OsStateDeleter {
   void operator()(OsState* os) const;
 };
 
+// A name's resolution under way on Asio's resolver thread (real_platform.cc).
+struct Resolution;
+
 struct RealPlatform::Impl {
   using Clock = std::chrono::steady_clock;
 
@@ -54,6 +57,7 @@ struct RealPlatform::Impl {
   std::function<void()> on_close;
   std::function<void(int)> on_service;
   bool ended = false;
+  std::shared_ptr<Resolution> resolution;  // the latest one
   std::unique_ptr<OsState, OsStateDeleter> os;
 };
 

@@ -20,6 +20,10 @@ struct SocketError {
 // The Windows Sockets number and a description for `ec`.
 SocketError ToSocketError(const asio::error_code& ec);
 
+// The system's own error for an address or port that cannot be used
+// (EADDRNOTAVAIL, on Windows WSAEADDRNOTAVAIL).
+asio::error_code AddressNotAvailable();
+
 // Whether a listener may set SO_REUSEADDR. On POSIX it only lets a restarted
 // program take its port back from connections in TIME_WAIT; on Windows it
 // would let a second listener share a port another program holds.

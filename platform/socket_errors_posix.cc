@@ -62,6 +62,10 @@ SocketError ToSocketError(const asio::error_code& ec) {
   return {number, ec.message()};
 }
 
+asio::error_code AddressNotAvailable() {
+  return {EADDRNOTAVAIL, asio::system_category()};
+}
+
 bool ListenerReusesAddress() { return true; }
 
 }  // namespace platform

@@ -34,6 +34,10 @@ SocketError ToSocketError(const asio::error_code& ec) {
   return {10000, ec.message()};
 }
 
+asio::error_code AddressNotAvailable() {
+  return {WSAEADDRNOTAVAIL, asio::system_category()};
+}
+
 // SO_REUSEADDR on Windows would let a listener share a port that another
 // program holds.
 bool ListenerReusesAddress() { return false; }

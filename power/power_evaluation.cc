@@ -17,6 +17,33 @@ PowerEvaluation::PowerEvaluation(frame::MainWindow& main)
                                       const std::string& V2) {
     Evaluate(V1, V2);
   };
+  main.parts.SettingsRead = [this] { CheckSettings(); };
+}
+
+// Such a setting is most likely a mistake in the file, yet it cannot be
+// refused: every power failure needs a countdown, and the shortest is 3 s.
+void PowerEvaluation::CheckSettings() {
+  if (!main_.SnmpMode()) return;
+  const struct {
+    frame::SettingIndex key;
+    const char *name, *event;
+    double extra;
+  } settings[] = {
+      {frame::BACKUPTIME, "BACKUPTIME:", "a power failure", 0},
+      {frame::LOWTIME, "LOWTIME:", "a low battery", kLowBatteryExtraSeconds},
+  };
+  for (const auto& setting : settings) {
+    const std::string& text = s_.SETTINGS[setting.key];
+    const double seconds = frame::NumericValue(text) * 60 + setting.extra;
+    const bool number = text.find_first_of("0123456789") != std::string::npos;
+    if (number && seconds >= 3) continue;
+    s_.LOGLINE = setting.name + text +
+                 (number ? " gives less than 3 s" : " holds no number") +
+                 ": in SNMP mode " + setting.event +
+                 " switches the PC off after a countdown of " +
+                 std::to_string(frame::CountdownSeconds(seconds)) + " s";
+    main_.WRITELOG();
+  }
 }
 
 template <typename F>

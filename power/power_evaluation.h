@@ -19,6 +19,10 @@ class PowerEvaluation {
   // of its TIME object (the battery-status code).
   void Evaluate(const std::string& V1, const std::string& V2);
 
+  // In SNMP mode, logs each countdown setting that holds no number or gives
+  // less than 3 s, with what a power failure then does.
+  void CheckSettings();
+
  private:
   void MainsReturn();
   // Runs `on_match` once for every entry of `codes` (from entry 1, up to the

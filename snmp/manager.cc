@@ -40,23 +40,33 @@ const Variable& Manager::Var(int position) const {
   return variables_[position - 1];
 }
 
+// A name's resolution serves the program's events: meanwhile this send
+// counts as waiting, so that no other send starts and no reply is taken
+// before the request has gone out, and a close ends it.
 bool Manager::Send() {
   if (!socket_ || waiting_) return false;
-  const std::string address = platform_.ResolveIPv4(agent_address_);
-  if (address.empty() || !socket_->SetRemote(address, agent_port_)) return false;
   const int32_t id = next_request_id_;
   next_request_id_ = next_request_id_ == INT32_MAX ? 1 : next_request_id_ + 1;
   std::vector<std::string> oids;
   for (const Variable& v : variables_) oids.push_back(v.oid);
   const EncodeResult request = EncodeGetRequest(kVersion1, community_, id, oids);
-  if (!request.ok || !socket_->Send(request.bytes)) return false;
-  if (timeout_ms_ <= 0) return true;
-
+  if (!request.ok) return false;
   waiting_ = true;
-  awaited_id_ = id;
-  awaited_sender_ = address;
+  awaited_sender_.clear();
   reply_.reset();
   const uint64_t generation = generation_;
+  const std::string address = platform_.ResolveIPv4(std::string(agent_address_));
+  if (generation_ != generation || address.empty() ||
+      !socket_->SetRemote(address, agent_port_) || !socket_->Send(request.bytes)) {
+    waiting_ = false;
+    return false;
+  }
+  if (timeout_ms_ <= 0) {
+    waiting_ = false;
+    return true;
+  }
+  awaited_id_ = id;
+  awaited_sender_ = address;
   platform_.RunUntil([&] { return reply_ || generation_ != generation; },
                      platform_.SteadySeconds() + timeout_ms_ / 1000.0);
   waiting_ = false;

@@ -115,5 +115,23 @@ TEST(LocalPortsTest, WindowRequestsFromAnotherHostAreDropped) {
   EXPECT_THAT(window.Ask("LABELS"), MatchesRegex("01.\\+\\+.*"));
 }
 
+// A veth pair plays the PC's network adapter, whose address the answers go
+// to; when the address changes (a new DHCP lease), they follow it.
+TEST(LocalPortsTest, AnswersFollowTheMachinesAddress) {
+  ASSERT_EQ(std::system("ip link add kv5 type veth peer name kv6 && "
+                        "ip addr add 203.0.113.9/24 dev kv5 && "
+                        "ip link set kv5 up && ip link set kv6 up"),
+            0);
+  ProgramFolder folder;
+  folder.Start();
+  Window window;
+  ASSERT_TRUE(window.Ready());
+  ASSERT_EQ(std::system("ip addr flush dev kv5 && "
+                        "ip addr add 203.0.113.10/24 dev kv5"),
+            0);
+  EXPECT_TRUE(WaitUntil([&] { return window.Ask("LABELS", 200) != "(none)"; },
+                        std::chrono::seconds(2)));
+}
+
 }  // namespace
 }  // namespace kovran::integration

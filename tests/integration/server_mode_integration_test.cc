@@ -3,6 +3,7 @@
 // upper bounds are generous deadlines.
 #include <cmath>
 #include <regex>
+#include <thread>
 
 #include "gmock/gmock.h"
 #include "tests/integration/harness.h"
@@ -10,7 +11,10 @@
 namespace kovran::integration {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+using ::testing::Not;
 
 // EXIT.EXE creates this file: its time is when EXIT.EXE ran.
 constexpr char kExitRan[] = "EXIT-RAN";
@@ -122,6 +126,31 @@ TEST_F(ServerModeTest, TroubledServerIsRetriedUntilItAnswers) {
   }
   program_->ExpectOrderlyEnd();
   EXPECT_THAT(folder_.Log(), ElementsAre(kStartLine, kEndLine));
+}
+
+// The program is held (SIGSTOP, as a PC put to sleep) for 25 s through the
+// end of a 10 s countdown while the mains come back. Woken, it waits for a
+// fresh reading, which stops the countdown: no "SHUTDOWN", no EXIT.EXE, and
+// the all-clear follows.
+TEST_F(ServerModeTest, WokenPastTheEndItWaitsForAFreshReading) {
+  const std::string failure = std::string("#100000000010000") + kFailure;
+  Start("0 " + failure + "\n5 #000000000000000Mains power is back\n");
+  Window window;
+  ASSERT_TRUE(WaitUntil([&] { return Count(failure) > 0; }));
+  ASSERT_EQ(::kill(program_->pid(), SIGSTOP), 0);
+  std::this_thread::sleep_for(std::chrono::seconds(25));  // the PC sleeps
+  ASSERT_EQ(::kill(program_->pid(), SIGCONT), 0);
+  std::vector<std::string> answers;
+  ASSERT_TRUE(WaitUntil(
+      [&] { return answers.emplace_back(window.Ask("LABELS")) == "CLOSE"; },
+      std::chrono::seconds(25)));
+  EXPECT_THAT(answers, Not(Contains("SHUTDOWN")));
+  EXPECT_FALSE(fs::exists(folder_.Path(kExitRan)));
+  program_->ExpectOrderlyEnd();
+  EXPECT_THAT(folder_.Log(),
+              ElementsAre(kStartLine, kFailure, kFailure,
+                          MatchesRegex("The countdown was held up for 2[4-7] s .*"),
+                          "Mains power is back", kEndLine));
 }
 
 }  // namespace

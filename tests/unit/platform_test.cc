@@ -194,7 +194,7 @@ TEST(RealPlatformTest, ListenerOffersConnectionsThatCarryData) {
   std::unique_ptr<TcpConnection> server;
   bool take = false, connected = false, client_closed = false, server_closed = false;
   std::string at_server;
-  int errors = 0, sends_complete = 0, arrivals = 0;
+  int errors = 0, sends_complete = 0, arrivals = 0, error_number = 0;
   listener->SetOnConnectionRequest([&](int64_t id) {
     if (!take) return;
     server = listener->Accept(id);
@@ -203,9 +203,13 @@ TEST(RealPlatformTest, ListenerOffersConnectionsThatCarryData) {
   client->SetEvents({.on_connect = [&] { connected = true; },
                      .on_data = [&] { ++arrivals; },
                      .on_close = [&] { client_closed = true; },
-                     .on_error = [&](int, const std::string&) { ++errors; }});
+                     .on_error = [&](int n, const std::string&) {
+                       ++errors;
+                       error_number = n;
+                     }});
   client->Connect("127.0.0.1", 0);
   ASSERT_TRUE(RunUntil(d, [&] { return errors == 1; })) << "port 0 refused";
+  EXPECT_EQ(error_number, wsa::kAddressNotAvailable);
   ASSERT_TRUE(listener->Listen(0));
   EXPECT_FALSE(d.p.NewTcpListener()->Listen(listener->LocalPort()));
   client->Connect("127.0.0.1", listener->LocalPort());

@@ -91,6 +91,25 @@ TEST(PowerEvaluationTest, ACodeInBothListsKeepsRestartingTheLowCountdown) {
   EXPECT_EQ(r.s.ALARMTEXT, Left(30));
 }
 
+// In SNMP mode a countdown setting that holds no number or gives less than
+// 3 s is named at start-up, and again after "SETUPR".
+TEST(PowerEvaluationTest, CountdownSettingsUnderThreeSecondsAreLogged) {
+  SnmpRig r("BACKUPTIME:0\r\nLOWTIME: \r\nLOCALWINDOWPORT:5000\r\nMAXLOCALUSERS:1\r\n");
+  const std::string backup = "BACKUPTIME:0 gives less than 3 s: in SNMP mode a "
+                             "power failure switches the PC off after a countdown of 3 s";
+  EXPECT_EQ(r.LogCount(backup), 1);
+  EXPECT_EQ(r.LogCount("LOWTIME:  holds no number: in SNMP mode a low battery "
+                       "switches the PC off after a countdown of 10 s"),
+            1);
+  r.fake.files["/kovran/upsser.cfg"] += "LOWTIME:-0.3\r\n";
+  r.fake.network.udp_bound.at(5001)->Deliver("SETUPR");
+  r.fake.RunReady();
+  EXPECT_EQ(r.LogCount(backup), 2);
+  EXPECT_EQ(r.LogCount("LOWTIME:-0.3 gives less than 3 s: in SNMP mode a low "
+                       "battery switches the PC off after a countdown of 3 s"),
+            1);
+}
+
 TEST(SnmpPollTest, RepliesFillTheValuesBySlot) {
   using B = std::vector<snmp::VarBind>;
   const struct {
