@@ -136,6 +136,15 @@ class BenchPlatform : public platform::Platform {
     return real_.NewTcpListener();
   }
   bool ConnectService() override { return real_.ConnectService(); }
+  platform::CommandResult RunCommand(const std::string& command_line,
+                                     double seconds) override {
+    return real_.RunCommand(command_line, seconds);
+  }
+  std::optional<platform::SystemError> PowerOff() override {
+    return platform::SystemError{1, "not in a benchmark"};
+  }
+  std::optional<platform::SystemError> Hibernate() override { return PowerOff(); }
+  void ReportWatching(bool watching) override { real_.ReportWatching(watching); }
   void SetServiceHandler(std::function<void(int)> f) override {
     real_.SetServiceHandler(std::move(f));
   }

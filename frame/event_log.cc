@@ -22,4 +22,14 @@ std::string LogFileName(const platform::LocalDate& date) {
   return name;
 }
 
+std::string WriteLogLine(platform::Platform& platform,
+                         const std::string& folder, const std::string& text) {
+  const platform::LocalDate date = platform.Today();
+  const std::string line = LogStamp(date, platform.SecondsSinceMidnight()) + text;
+  const char sep = platform.PathSeparator();
+  platform.AppendToFile(folder + sep + "SERLOGS" + sep + LogFileName(date),
+                        line + "\r\n");
+  return line;
+}
+
 }  // namespace frame

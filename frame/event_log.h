@@ -17,6 +17,12 @@ std::string LogStamp(const platform::LocalDate& date, double seconds);
 // "YYYY-MM.CLG", the log file of the month of `date`.
 std::string LogFileName(const platform::LocalDate& date);
 
+// Appends `text` with its time stamp and CR LF to the month's log file in
+// `folder`'s SERLOGS and returns the stamped line. A failure is swallowed:
+// the log never stops the program.
+std::string WriteLogLine(platform::Platform& platform,
+                         const std::string& folder, const std::string& text);
+
 }  // namespace frame
 
 #endif  // KOVRAN_FRAME_EVENT_LOG_H_

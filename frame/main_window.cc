@@ -99,12 +99,7 @@ void MainWindow::LISANYUKLE() {
 
 void MainWindow::WRITELOG() {
   if (state.LOGLINE.size() < 5) return;
-  const platform::LocalDate date = platform.Today();
-  const double seconds = platform.SecondsSinceMidnight();
-  state.LOGLINE = LogStamp(date, seconds) + state.LOGLINE;
-  const char sep = platform.PathSeparator();
-  platform.AppendToFile(folder_ + sep + "SERLOGS" + sep + LogFileName(date),
-                        state.LOGLINE + "\r\n");
+  state.LOGLINE = WriteLogLine(platform, folder_, state.LOGLINE);
 }
 
 void MainWindow::PARSECOMMAND() {

@@ -147,4 +147,15 @@ Status ParseSettings(std::string_view text, SettingsItems& into) {
   return result;
 }
 
+std::optional<std::string> SettingValue(std::string_view text,
+                                        std::string_view key) {
+  std::optional<std::string> value;
+  ForEachLine(text, [&](std::string_view line, int) {
+    if (line.starts_with(key) && line.find(':') + 1 == key.size()) {
+      value = std::string(line.substr(key.size()));
+    }
+  });
+  return value;
+}
+
 }  // namespace frame

@@ -3,6 +3,8 @@
 #ifndef KOVRAN_FRAME_SETTINGS_H_
 #define KOVRAN_FRAME_SETTINGS_H_
 
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "frame/program_state.h"
@@ -22,6 +24,13 @@ inline constexpr const char* kSettingsFileName = "upsser.cfg";
 // line in one block. `into` may then hold part of the file; callers read into
 // a copy. Type-block lines before the first TYPE: line are ignored.
 Status ParseSettings(std::string_view text, SettingsItems& into);
+
+// The value of the last line of `text` whose key (up to and with its first
+// colon) is `key`, as the reader takes values: untrimmed. Nothing when no
+// line has it. For the keys that the programs beside KOVRAN read from the
+// same file; KOVRAN's own reader ignores them.
+std::optional<std::string> SettingValue(std::string_view text,
+                                        std::string_view key);
 
 }  // namespace frame
 

@@ -87,14 +87,17 @@ std::string LocalWindows::StatusLine() const {
 void LocalWindows::Winsock3_DataArrival(int index, const std::string& D,
                                         const std::string& sender) {
   if (main_.ending() || !Winsock3(index) || !FromThisMachine(sender)) return;
+  // The service, where the program is one, shows the watching paused.
   if (D.starts_with("STOP")) {
     s_.STOPPED = 1;
     main_.parts.CloseSnmpManager();
+    main_.platform.ReportWatching(false);
     return;
   }
   if (D.starts_with("STAR")) {
     s_.STOPPED = 0;
     main_.parts.OPENSNMP();
+    main_.platform.ReportWatching(true);
     return;
   }
   if (D.starts_with("ENDPROGRAM")) {

@@ -231,4 +231,18 @@ bool FakePlatform::StartProcess(const std::string& command_line,
   return true;
 }
 
+CommandResult FakePlatform::RunCommand(const std::string& command_line,
+                                       double seconds) {
+  commands.push_back(command_line);
+  const auto it = command_results.find(command_line);
+  CommandResult result;
+  result.started = result.ended = true;
+  if (it != command_results.end()) result = it->second;
+  if (result.started && !result.ended) {
+    Advance(std::chrono::duration_cast<Duration>(
+        std::chrono::duration<double>(seconds)));
+  }
+  return result;
+}
+
 }  // namespace platform

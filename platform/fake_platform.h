@@ -85,6 +85,16 @@ class FakePlatform : public Platform {
   std::set<std::string> failing_starts;
   std::vector<ProcessStart> starts;
 
+  // Commands run by RunCommand, and how each goes (by default: ends with
+  // status 0 at once); a result that does not end takes the whole wait.
+  std::vector<std::string> commands;
+  std::map<std::string, CommandResult> command_results;
+  // "poweroff" and "hibernate", in the order asked; what each answers.
+  std::vector<std::string> switch_offs;
+  std::optional<SystemError> power_off_error, hibernate_error;
+  // What ReportWatching was told, in order.
+  std::vector<bool> watching_reports;
+
   // ---- Events from outside ----
 
   // The platform closes the program (log-off, SIGTERM), delivered as an event.
@@ -142,6 +152,19 @@ class FakePlatform : public Platform {
   }
   bool ConnectService() override;
   void SetServiceHandler(std::function<void(int)> on_state) override;
+  void ReportWatching(bool watching) override {
+    watching_reports.push_back(watching);
+  }
+  CommandResult RunCommand(const std::string& command_line,
+                           double seconds) override;
+  std::optional<SystemError> PowerOff() override {
+    switch_offs.push_back("poweroff");
+    return power_off_error;
+  }
+  std::optional<SystemError> Hibernate() override {
+    switch_offs.push_back("hibernate");
+    return hibernate_error;
+  }
 
  private:
   class FakeTimer;

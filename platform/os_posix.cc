@@ -3,16 +3,22 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <spawn.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <asio.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "platform/real_platform.h"
 #include "platform/real_platform_impl.h"
@@ -60,6 +66,117 @@ void CloseInheritedDescriptors(int keep) {
   for (long fd = 3; fd < top; ++fd) {
     if (fd != keep) ::close(static_cast<int>(fd));
   }
+}
+
+// Waits for a switch-off order to be taken.
+constexpr double kSwitchOffSeconds = 30;
+
+SystemError ErrnoError(int number) { return {number, std::strerror(number)}; }
+
+// Runs `argv` (a name without a slash is looked for on PATH) with standard
+// input from /dev/null and standard output and error into `output` (its
+// first 4 KiB), or into /dev/null without one, and waits at most `seconds`
+// for it to end.
+CommandResult RunAndWait(const std::vector<std::string>& argv, double seconds,
+                         std::string* output) {
+  CommandResult result;
+  int out[2] = {-1, -1};
+  if (output && ::pipe2(out, O_CLOEXEC) != 0) {
+    result.error = ErrnoError(errno);
+    return result;
+  }
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  if (output) {
+    posix_spawn_file_actions_adddup2(&files, out[1], 1);
+    posix_spawn_file_actions_adddup2(&files, out[1], 2);
+  } else {
+    posix_spawn_file_actions_addopen(&files, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&files, 1, 2);
+  }
+  // The program ignores SIGCHLD and SIGPIPE, which a child would inherit.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t defaults, none;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGCHLD);
+  sigaddset(&defaults, SIGPIPE);
+  sigemptyset(&none);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes,
+                           POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  // While SIGCHLD is ignored the kernel reaps the child before its status
+  // can be read.
+  struct sigaction reaped {}, waited {};
+  waited.sa_handler = SIG_DFL;
+  ::sigaction(SIGCHLD, &waited, &reaped);
+  pid_t pid = -1;
+  const int spawned =
+      ::posix_spawnp(&pid, args[0], &files, &attributes, args.data(), environ);
+  posix_spawn_file_actions_destroy(&files);
+  posix_spawnattr_destroy(&attributes);
+  if (out[1] >= 0) ::close(out[1]);
+  if (spawned != 0) {
+    result.error = ErrnoError(spawned);
+  } else {
+    result.started = true;
+    // glibc 2.36 declares pidfd_open without C linkage in C++.
+    const int child = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (child >= 0) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd waits[2] = {{child, POLLIN, 0}, {out[0], POLLIN, 0}};
+      const int n = ::poll(waits, out[0] >= 0 ? 2 : 1,
+                           static_cast<int>(std::max<int64_t>(left.count(), 0)));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;  // time is up
+      if (waits[1].revents) {
+        char buffer[4096];
+        const ssize_t got = ::read(out[0], buffer, sizeof buffer);
+        if (got > 0 && output->size() < sizeof buffer) output->append(buffer, got);
+        if (got <= 0) {
+          ::close(out[0]);
+          out[0] = -1;
+        }
+      }
+      int status = 0;
+      if (waits[0].revents && ::waitpid(pid, &status, 0) == pid) {
+        result.ended = true;
+        result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status)
+                                             : 128 + WTERMSIG(status);
+        break;
+      }
+    }
+    if (child >= 0) ::close(child);
+  }
+  if (out[0] >= 0) ::close(out[0]);
+  ::sigaction(SIGCHLD, &reaped, nullptr);
+  return result;
+}
+
+// systemctl VERB, as a systemd machine expects to be switched off.
+std::optional<SystemError> Systemctl(const std::string& verb) {
+  std::string output;
+  const CommandResult run =
+      RunAndWait({"systemctl", verb}, kSwitchOffSeconds, &output);
+  if (!run.started) return run.error;
+  if (!run.ended) {
+    return SystemError{ETIMEDOUT, "systemctl " + verb + " did not end within " +
+                                      std::to_string(int(kSwitchOffSeconds)) +
+                                      " s"};
+  }
+  if (run.exit_code == 0) return std::nullopt;
+  const std::string first_line = output.substr(0, output.find('\n'));
+  return SystemError{run.exit_code,
+                     first_line.empty() ? "systemctl " + verb + " failed"
+                                        : first_line};
 }
 
 }  // namespace
@@ -201,7 +318,22 @@ bool RealPlatform::StartProcess(const std::string& command_line, int) {
   return n == 0;
 }
 
+CommandResult RealPlatform::RunCommand(const std::string& command_line,
+                                       double seconds) {
+  return RunAndWait({"/bin/sh", "-c", command_line}, seconds, nullptr);
+}
+
+std::optional<SystemError> RealPlatform::PowerOff() {
+  return Systemctl("poweroff");
+}
+
+std::optional<SystemError> RealPlatform::Hibernate() {
+  return Systemctl("hibernate");
+}
+
 int RealPlatform::PlatformNumber() { return kPlatformPosix; }
+
+void RealPlatform::ReportWatching(bool) {}
 
 // The running copy holds an exclusive lock on its own executable file; a
 // second copy of the same file finds it taken. Copies in other folders are

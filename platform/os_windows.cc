@@ -10,14 +10,17 @@
 
 #include <windows.h>
 #include <iphlpapi.h>
+#include <sddl.h>
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <future>
 #include <thread>
+#include <vector>
 
 namespace platform {
 
@@ -121,17 +124,82 @@ std::wstring ExecutablePath() {
   return {};
 }
 
-// FNV-1a over the upper-cased folder: the same folder spelt in another case
-// is the same folder on Windows.
-uint64_t FolderHash(std::wstring folder) {
-  if (!folder.empty()) {
-    ::CharUpperBuffW(folder.data(), static_cast<DWORD>(folder.size()));
+// The system's own text for error `number`, in the ANSI code page.
+std::string ErrorText(DWORD number) {
+  char buffer[512];
+  DWORD n = ::FormatMessageA(
+      FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+      number, 0, buffer, sizeof buffer, nullptr);
+  while (n > 0 && (buffer[n - 1] == '\r' || buffer[n - 1] == '\n' ||
+                   buffer[n - 1] == ' ' || buffer[n - 1] == '.')) {
+    --n;
   }
-  uint64_t hash = 14695981039346656037ull;
-  for (wchar_t c : folder) {
-    hash = (hash ^ static_cast<uint16_t>(c)) * 1099511628211ull;
+  return n > 0 ? std::string(buffer, n) : "error " + std::to_string(number);
+}
+
+SystemError LastError() {
+  const DWORD number = ::GetLastError();
+  return {static_cast<int>(number), ErrorText(number)};
+}
+
+// A process started with this as its standard input, output and error, and
+// no other handle of ours: a batch file's "pause" then ends at once instead
+// of waiting for a key nobody can press in a hidden window.
+class NulHandles {
+ public:
+  NulHandles() {
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    nul_ = ::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE,
+                         FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                         OPEN_EXISTING, 0, nullptr);
+    SIZE_T size = 0;
+    ::InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    buffer_.resize(size);
+    list_ = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(buffer_.data());
+    ready_ = nul_ != INVALID_HANDLE_VALUE &&
+             ::InitializeProcThreadAttributeList(list_, 1, 0, &size) &&
+             ::UpdateProcThreadAttribute(list_, 0,
+                                         PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                         &nul_, sizeof nul_, nullptr, nullptr);
   }
-  return hash;
+  ~NulHandles() {
+    if (!buffer_.empty()) ::DeleteProcThreadAttributeList(list_);
+    if (nul_ != INVALID_HANDLE_VALUE) ::CloseHandle(nul_);
+  }
+  // Fills `startup` in; false when NUL could not be opened.
+  bool Use(STARTUPINFOEXW& startup) {
+    if (!ready_) return false;
+    startup.StartupInfo.dwFlags |= STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdInput = startup.StartupInfo.hStdOutput =
+        startup.StartupInfo.hStdError = nul_;
+    startup.lpAttributeList = list_;
+    return true;
+  }
+
+ private:
+  HANDLE nul_ = INVALID_HANDLE_VALUE;
+  std::vector<unsigned char> buffer_;
+  LPPROC_THREAD_ATTRIBUTE_LIST list_ = nullptr;
+  bool ready_ = false;
+};
+
+// SE_SHUTDOWN_NAME, which even LocalSystem holds disabled.
+bool EnableShutdownPrivilege() {
+  HANDLE token = nullptr;
+  if (!::OpenProcessToken(::GetCurrentProcess(),
+                          TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) {
+    return false;
+  }
+  TOKEN_PRIVILEGES privileges{};
+  privileges.PrivilegeCount = 1;
+  privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+  const bool enabled =
+      ::LookupPrivilegeValueW(nullptr, L"SeShutdownPrivilege",
+                              &privileges.Privileges[0].Luid) &&
+      ::AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr) &&
+      ::GetLastError() == ERROR_SUCCESS;  // not ERROR_NOT_ALL_ASSIGNED
+  ::CloseHandle(token);
+  return enabled;
 }
 
 // The IPv4 addresses of the adapters, the loopback's too unless
@@ -174,7 +242,7 @@ std::vector<std::string> AdapterAddresses(bool skip_loopback, bool up_only) {
 struct OsState {
   explicit OsState(RealPlatform::Impl& i) : impl(i) {}
   ~OsState() {
-    if (instance_mutex) ::CloseHandle(instance_mutex);
+    if (instance_lock != INVALID_HANDLE_VALUE) ::CloseHandle(instance_lock);
   }
 
   // Called on the dispatcher's thread (controls) and the event thread (the
@@ -196,7 +264,7 @@ struct OsState {
   }
 
   RealPlatform::Impl& impl;
-  HANDLE instance_mutex = nullptr;
+  HANDLE instance_lock = INVALID_HANDLE_VALUE;
   // Set by the service's main function once the program is the service.
   std::atomic<SERVICE_STATUS_HANDLE> status_handle{nullptr};
   std::shared_ptr<std::promise<bool>> connected;
@@ -356,15 +424,16 @@ bool RealPlatform::WriteFile(const std::string& path,
 
 // Windows programs read 8-bit files in the console (OEM) or the ANSI code
 // page; a character either has its exact place there or the text does not
-// fit. Where the system runs on UTF-8, the text fits as it is.
+// fit. Where the system runs on UTF-8, a valid UTF-8 text fits as it is.
 std::optional<std::string> RealPlatform::InCodePage(const std::string& text,
                                                     CodePage page) {
   const UINT cp = page == CodePage::kConsole ? ::GetOEMCP() : ::GetACP();
-  if (cp == CP_UTF8 || text.empty()) return text;
+  if (text.empty()) return text;
   const int wide_size = ::MultiByteToWideChar(
       CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
       nullptr, 0);
   if (wide_size <= 0) return std::nullopt;  // not UTF-8
+  if (cp == CP_UTF8) return text;
   std::wstring wide(static_cast<std::size_t>(wide_size), L'\0');
   ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
                         static_cast<int>(text.size()), wide.data(), wide_size);
@@ -402,16 +471,20 @@ bool RealPlatform::StartProcess(const std::string& command_line,
   const auto cut = path.find_last_of(L"\\/");
   const std::wstring folder =
       cut == std::wstring::npos ? std::wstring() : path.substr(0, cut);
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESHOWWINDOW;
-  startup.wShowWindow = static_cast<WORD>(
+  STARTUPINFOEXW startup{};
+  startup.StartupInfo.cb = sizeof startup;
+  startup.StartupInfo.dwFlags = STARTF_USESHOWWINDOW;
+  startup.StartupInfo.wShowWindow = static_cast<WORD>(
       window_style == kWindowNormalFocus ? SW_SHOWNORMAL : SW_HIDE);
+  NulHandles nul;
+  if (!nul.Use(startup)) return false;
   PROCESS_INFORMATION process{};
   if (!::CreateProcessW(application.c_str(), line.data(), nullptr, nullptr,
-                        FALSE, CREATE_NEW_CONSOLE | CREATE_UNICODE_ENVIRONMENT,
+                        TRUE,
+                        CREATE_NEW_CONSOLE | CREATE_UNICODE_ENVIRONMENT |
+                            EXTENDED_STARTUPINFO_PRESENT,
                         nullptr, folder.empty() ? nullptr : folder.c_str(),
-                        &startup, &process)) {
+                        &startup.StartupInfo, &process)) {
     return false;
   }
   ::CloseHandle(process.hThread);
@@ -419,31 +492,101 @@ bool RealPlatform::StartProcess(const std::string& command_line,
   return true;
 }
 
+CommandResult RealPlatform::RunCommand(const std::string& command_line,
+                                       double seconds) {
+  CommandResult result;
+  std::wstring line =
+      L"cmd.exe /d /s /c \"" + Wide(command_line) + L"\"";
+  STARTUPINFOEXW startup{};
+  startup.StartupInfo.cb = sizeof startup;
+  NulHandles nul;
+  PROCESS_INFORMATION process{};
+  if (!nul.Use(startup) ||
+      !::CreateProcessW((SystemFolder() + L"\\cmd.exe").c_str(), line.data(),
+                        nullptr, nullptr, TRUE,
+                        CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT |
+                            EXTENDED_STARTUPINFO_PRESENT,
+                        nullptr, nullptr, &startup.StartupInfo, &process)) {
+    result.error = LastError();
+    return result;
+  }
+  result.started = true;
+  const DWORD ms = static_cast<DWORD>(std::max(seconds, 0.0) * 1000);
+  DWORD code = 0;
+  if (::WaitForSingleObject(process.hProcess, ms) == WAIT_OBJECT_0 &&
+      ::GetExitCodeProcess(process.hProcess, &code)) {
+    result.ended = true;
+    result.exit_code = static_cast<int>(code);
+  }
+  ::CloseHandle(process.hThread);
+  ::CloseHandle(process.hProcess);
+  return result;
+}
+
+// InitiateShutdownW works where the service runs, in session 0 with nobody
+// logged on; ExitWindowsEx may return success there without switching off.
+std::optional<SystemError> RealPlatform::PowerOff() {
+  if (!EnableShutdownPrivilege()) return LastError();
+  const DWORD error = ::InitiateShutdownW(
+      nullptr, nullptr, 0,
+      SHUTDOWN_POWEROFF | SHUTDOWN_FORCE_OTHERS | SHUTDOWN_FORCE_SELF,
+      SHTDN_REASON_MAJOR_POWER | SHTDN_REASON_MINOR_ENVIRONMENT |
+          SHTDN_REASON_FLAG_PLANNED);
+  if (error == ERROR_SUCCESS) return std::nullopt;
+  return SystemError{static_cast<int>(error), ErrorText(error)};
+}
+
+// powrprof.dll is loaded only here, so that the other programs do not
+// import it.
+std::optional<SystemError> RealPlatform::Hibernate() {
+  if (!EnableShutdownPrivilege()) return LastError();
+  const HMODULE powrprof = ::LoadLibraryW(L"powrprof.dll");
+  using Suspend = BOOLEAN(WINAPI*)(BOOLEAN, BOOLEAN, BOOLEAN);
+  const auto suspend = powrprof ? reinterpret_cast<Suspend>(reinterpret_cast<void*>(
+                                      ::GetProcAddress(powrprof, "SetSuspendState")))
+                                : nullptr;
+  if (!suspend) return LastError();
+  if (suspend(TRUE, FALSE, FALSE)) return std::nullopt;
+  return LastError();
+}
+
 int RealPlatform::PlatformNumber() { return kPlatformNt; }
 
-// A named mutex per program folder, in the global namespace: the service
-// runs in a session of its own, and a copy started by a user beside it
-// would take the same ports and could shut the PC down twice. The mutex of
-// a service copy may be closed to the user (access denied), which says the
-// same as finding it.
+void RealPlatform::ReportWatching(bool watching) {
+  if (impl_->os->status_handle.load()) {
+    impl_->os->Report(watching ? SERVICE_RUNNING : SERVICE_PAUSED);
+  }
+}
+
+// The running copy holds KOVRAN.LCK in its program folder open and shares
+// it with nobody, so a copy from the same folder cannot open it, whatever
+// session it runs in: the service runs in a session of its own, and a copy
+// started by a user beside it would take the same ports and could shut the
+// PC down twice. The file is made for SYSTEM and the administrators alone:
+// an ordinary user can neither make it first (the program folder is one
+// only administrators may write) nor open it, so nobody can keep the service
+// from starting. A copy that may not open it finds it taken; a folder where
+// it cannot be made at all leaves the rule unapplied rather than the UPS
+// unwatched.
 bool RealPlatform::AnotherInstanceRunning() {
   OsState& os = *impl_->os;
-  if (os.instance_mutex) return false;
-  const std::wstring exe = ExecutablePath();
-  const auto cut = exe.find_last_of(L"\\/");
-  wchar_t name[48];
-  std::swprintf(name, 48, L"Global\\KOVRAN-%016llx",
-                static_cast<unsigned long long>(
-                    FolderHash(exe.substr(0, cut == std::wstring::npos ? 0 : cut))));
-  const HANDLE mutex = ::CreateMutexW(nullptr, FALSE, name);
-  const DWORD error = ::GetLastError();
-  if (!mutex) return error == ERROR_ACCESS_DENIED;
-  if (error == ERROR_ALREADY_EXISTS) {
-    ::CloseHandle(mutex);
-    return true;
+  if (os.instance_lock != INVALID_HANDLE_VALUE) return false;
+  const std::wstring path = Wide(ProgramFolder()) + L"\\KOVRAN.LCK";
+  const bool existed = ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(
+          L"D:P(A;;FA;;;SY)(A;;FA;;;BA)", SDDL_REVISION_1, &descriptor,
+          nullptr)) {
+    descriptor = nullptr;
   }
-  os.instance_mutex = mutex;
-  return false;
+  SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
+  os.instance_lock = ::CreateFileW(path.c_str(), GENERIC_READ, 0, &attributes,
+                                   OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const DWORD error = ::GetLastError();
+  if (descriptor) ::LocalFree(descriptor);
+  if (os.instance_lock != INVALID_HANDLE_VALUE) return false;
+  return error == ERROR_SHARING_VIOLATION ||
+         (existed && error == ERROR_ACCESS_DENIED);
 }
 
 // The first IPv4 address of an adapter that is up and not the loopback, in

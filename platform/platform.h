@@ -36,6 +36,20 @@ inline constexpr int kWindowNormalFocus = 1;
 // hostile file can never make the program allocate without bound.
 inline constexpr std::size_t kMaxReadFileBytes = 64u << 20;
 
+// What a system call that failed said: its number and its text.
+struct SystemError {
+  int number = 0;
+  std::string text;
+};
+
+// How a command run by RunCommand went.
+struct CommandResult {
+  bool started = false;
+  SystemError error;     // why it could not be started
+  bool ended = false;    // it ended within the time given
+  int exit_code = 0;     // its exit status, when it ended
+};
+
 struct LocalDate {
   int year = 2000;
   int month = 1;  // 1..12
@@ -183,6 +197,25 @@ class Platform {
   virtual bool ConnectService() = 0;
   // Called with the service control's state number when it changes.
   virtual void SetServiceHandler(std::function<void(int state)> on_state) = 0;
+  // When the program runs as the service, reports it to the service control
+  // manager as paused (`watching` false: watching the UPS was suspended) or
+  // running; nothing otherwise.
+  virtual void ReportWatching(bool watching) = 0;
+
+  // ---- Switching the machine off (the shutdown program) ----
+
+  // Runs `command_line` through the system's command interpreter (sh -c,
+  // cmd /c), without a window and with an empty standard input, and waits
+  // at most `seconds` for it to end. A command still running then is left
+  // to run.
+  virtual CommandResult RunCommand(const std::string& command_line,
+                                   double seconds) = 0;
+
+  // Switches the machine off, closing the running programs, forced if they
+  // do not close; or hibernates it. Nothing when the system has taken the
+  // order (it then ends this program too), else what went wrong.
+  virtual std::optional<SystemError> PowerOff() = 0;
+  virtual std::optional<SystemError> Hibernate() = 0;
 };
 
 }  // namespace platform

@@ -54,6 +54,11 @@ class RealPlatform : public Platform {
   std::unique_ptr<TcpListener> NewTcpListener() override;
   bool ConnectService() override;
   void SetServiceHandler(std::function<void(int)> on_state) override;
+  void ReportWatching(bool watching) override;
+  CommandResult RunCommand(const std::string& command_line,
+                           double seconds) override;
+  std::optional<SystemError> PowerOff() override;
+  std::optional<SystemError> Hibernate() override;
 
   struct Impl;  // opaque: holds the Asio objects and the OS's own state
 

@@ -37,12 +37,16 @@ struct LocalPortsRig : ProgramRig {
 };
 
 // What a window request may change, in one line: STOPPED, ENDREQUEST,
-// DISCOVERREQUEST, the notices of windows 1..3, the common notice, the calls.
+// DISCOVERREQUEST, the notices of windows 1..3, the common notice, the
+// calls, what the service was told (+ running, - paused).
 std::string After(const LocalPortsRig& rig) {
   const frame::ProgramState& s = rig.s;
+  std::string reports;
+  for (bool watching : rig.fake.watching_reports) reports += watching ? "+" : "-";
   return "S" + std::to_string(s.STOPPED) + " E" + std::to_string(s.ENDREQUEST) +
          " D" + std::to_string(s.DISCOVERREQUEST) + " " + s.WINDOWMSGS[1] + "|" +
-         s.WINDOWMSGS[2] + "|" + s.WINDOWMSGS[3] + " " + s.WINDOWMSG + rig.calls;
+         s.WINDOWMSGS[2] + "|" + s.WINDOWMSGS[3] + " " + s.WINDOWMSG + rig.calls +
+         reports;
 }
 
 TEST(LocalWindowsTest, RequestsAndNoticesInTheirOrder) {
@@ -56,8 +60,8 @@ TEST(LocalWindowsTest, RequestsAndNoticesInTheirOrder) {
       {[](auto& s) { s.STOPPED = 1, s.COMMOK = 0, s.ALARMTEXT = "12", s.WINDOWMSG = "X"; },
        1, "LABELSx", "010++Connecting++On mains++12", "S1 E0 D0 || X"},
       {{}, 1, "labels", std::nullopt, "S0 E0 D0 || "},
-      {[](auto& s) { s.STOPPED = 1; }, 1, "START", std::nullopt, "S0 E0 D0 || open"},
-      {{}, 2, "STOPPED", std::nullopt, "S1 E0 D0 || close"},
+      {[](auto& s) { s.STOPPED = 1; }, 1, "START", std::nullopt, "S0 E0 D0 || open+"},
+      {{}, 2, "STOPPED", std::nullopt, "S1 E0 D0 || close-"},
       {{}, 1, "ENDPROG", std::nullopt, "S0 E0 D0 || "},
       {{}, 2, "DISCOV", "", "S0 E0 D1 |DISCOVER| discover"},
       {[](auto& s) { s.WINDOWMSGS[3] = "DISCOVER", s.WINDOWMSG = "DISCOVERa\r\n"; },
@@ -73,7 +77,7 @@ TEST(LocalWindowsTest, RequestsAndNoticesInTheirOrder) {
       {[](auto& s) { s.SETTINGS[frame::CONNECTION] = "SNMP"; }, 1, "DISCOV", "",
        "S0 E0 D1 DISCOVER|| "},
       {{}, 4, "LABELS", std::nullopt, "S0 E0 D0 || "},
-      {{}, 4, "STOP", std::nullopt, "S1 E0 D0 || close"},
+      {{}, 4, "STOP", std::nullopt, "S1 E0 D0 || close-"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.request + " from window " + std::to_string(c.window));

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
@@ -49,6 +50,39 @@ TEST(RealPlatformTest, StartProcessRunsExecutableFilesWithoutWaiting) {
   ASSERT_TRUE(p.StartProcess(run, kWindowNormalFocus));
   EXPECT_FALSE(fs::exists(run + ".ran")) << "waited for the process";
   EXPECT_TRUE(RunUntil(p, [&] { return fs::exists(run + ".ran"); }));
+}
+
+// EXIT.EXE's commands: the interpreter's statuses, a wait that ends in
+// time, and the switch-off through systemctl found on PATH: a stand-in here,
+// so that no test can switch this machine off.
+TEST(RealPlatformTest, CommandsAndTheSwitchOffAreWaitedFor) {
+  TempFolder d;
+  RealPlatform p(/*exit_process=*/false);
+  const CommandResult failed = p.RunCommand("echo x; exit 3", 5);
+  EXPECT_EQ(std::tuple(failed.started, failed.ended, failed.exit_code),
+            std::tuple(true, true, 3));
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_FALSE(p.RunCommand("sleep 5", 0.2).ended);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 2s);
+  std::ofstream(d.folder + "/systemctl")
+      << "#!/bin/sh\necho \"$@\" >>\"$0.asked\"\n"
+         "[ \"$1\" = poweroff ] || { echo No swap >&2; exit 1; }\n";
+  std::ofstream(d.folder + "/shutdown") << "#!/bin/sh\nexit 1\n";
+  for (const char* name : {"/systemctl", "/shutdown"}) {
+    fs::permissions(d.folder + name, fs::perms::owner_all);
+  }
+  const std::string path = std::getenv("PATH");
+  ::setenv("PATH", (d.folder + ":" + path).c_str(), 1);
+  const auto hibernated = p.Hibernate();
+  const auto powered_off = p.PowerOff();
+  ::setenv("PATH", path.c_str(), 1);
+  ASSERT_TRUE(hibernated);
+  EXPECT_EQ(std::tuple(hibernated->number, hibernated->text),
+            std::tuple(1, "No swap"));
+  EXPECT_FALSE(powered_off);
+  std::ifstream asked_for(d.folder + "/systemctl.asked");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(asked_for), {}),
+            "hibernate\npoweroff\n");
 }
 
 // The program folder and the single-copy rule are shown by running the

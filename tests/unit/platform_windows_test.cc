@@ -1,6 +1,6 @@
 // What only the real platform on Windows can show: paths in UTF-8, batch
-// files run through cmd from a folder with blanks, the code pages, the
-// instance mutex and the native socket error numbers.
+// files run through cmd from a folder with blanks, commands waited for, the
+// code pages, the instance lock and the native socket error numbers.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "platform/real_platform.h"
 #include "platform/socket_errors.h"
@@ -38,7 +39,8 @@ TEST(WindowsPlatformTest, ProgramFolderIsTheExecutablesInUtf8) {
 }
 
 // A batch file in a folder with blanks runs hidden, without waiting, in
-// its own folder; what cannot run is a failure at once.
+// its own folder, and its "pause" reads the empty input and ends; what
+// cannot run is a failure at once. A command is waited for, up to a time.
 TEST(WindowsPlatformTest, BatchFilesRunThroughCmdFromFoldersWithBlanks) {
   RealPlatform p(/*exit_process=*/false);
   const fs::path folder =
@@ -47,7 +49,7 @@ TEST(WindowsPlatformTest, BatchFilesRunThroughCmdFromFoldersWithBlanks) {
        std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
   fs::create_directories(folder);
   const std::string batch = (folder / "RUN ME.BAT").string();
-  std::ofstream(batch) << "@echo ran> ran.txt\r\n";
+  std::ofstream(batch) << "@pause\r\n@echo ran> ran.txt\r\n";
   for (const std::string& path :
        {(folder / "MISSING.BAT").string(), (folder / "NONE.EXE").string(),
         folder.string(), std::string()}) {
@@ -55,17 +57,24 @@ TEST(WindowsPlatformTest, BatchFilesRunThroughCmdFromFoldersWithBlanks) {
   }
   ASSERT_TRUE(p.StartProcess(batch, kWindowHidden));
   EXPECT_TRUE(RunUntil(p, [&] { return fs::exists(folder / "ran.txt"); }));
+  const CommandResult run = p.RunCommand("cd \"" + folder.string() + "\" && exit 3", 10);
+  EXPECT_EQ(std::tuple(run.started, run.ended, run.exit_code),
+            std::tuple(true, true, 3));
+  EXPECT_FALSE(p.RunCommand("ping -n 10 127.0.0.1", 0.2).ended);
   std::error_code ignored;
   fs::remove_all(folder, ignored);
 }
 
+// Whatever the machine's locale: an emoji has a place in no 8-bit code
+// page, only where the system's code page is UTF-8 itself.
 TEST(WindowsPlatformTest, TextsFitTheCodePagesExactlyOrNotAtAll) {
   RealPlatform p(/*exit_process=*/false);
   const std::string ascii = "C:\\Program Files\\KOVRAN UPS";
-  const std::string chinese = "C:\\\xE4\xB8\xAD";  // no place in either
+  const std::string emoji = "C:\\\xF0\x9F\x98\x80";
   for (CodePage page : {CodePage::kConsole, CodePage::kLog}) {
     EXPECT_EQ(p.InCodePage(ascii, page), ascii);
-    EXPECT_EQ(p.InCodePage(chinese, page), std::nullopt);
+    const auto converted = p.InCodePage(emoji, page);
+    EXPECT_TRUE(!converted || converted == emoji);
     EXPECT_EQ(p.InCodePage("C:\\\xFF", page), std::nullopt) << "not UTF-8";
   }
 }
@@ -75,7 +84,7 @@ TEST(WindowsPlatformTest, TextsFitTheCodePagesExactlyOrNotAtAll) {
 TEST(WindowsPlatformTest, OneCopyPerFolderUntilItEnds) {
   auto first = std::make_unique<RealPlatform>(false);
   EXPECT_FALSE(first->AnotherInstanceRunning());
-  EXPECT_FALSE(first->AnotherInstanceRunning()) << "it holds the mutex";
+  EXPECT_FALSE(first->AnotherInstanceRunning()) << "it holds the lock";
   EXPECT_TRUE(RealPlatform(false).AnotherInstanceRunning());
   first.reset();
   EXPECT_FALSE(RealPlatform(false).AnotherInstanceRunning());

@@ -1,0 +1,76 @@
+// EXIT.EXE on the fake platform: what it runs, orders and logs for each
+// EXITACTION, with the EXITBEFORE command and the system failing or not.
+#include "exit/exit_program.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/fake_platform.h"
+
+namespace exitprogram {
+namespace {
+
+using ::testing::ElementsAreArray;
+using Strings = std::vector<std::string>;
+
+TEST(ExitProgramTest, ActsAsTheSettingsSayAndLogsEachStep) {
+  const platform::SystemError gone{2, "No such file or directory"};
+  platform::CommandResult not_started, hung, failing;
+  not_started.error = gone;
+  hung.started = true;
+  failing.started = failing.ended = true;
+  failing.exit_code = 3;
+  const struct {
+    const char* settings;  // nullptr: no upsser.cfg
+    std::optional<platform::CommandResult> before;
+    bool hibernate_fails, power_off_fails;
+    Strings switch_offs, log;
+    int status = 0;
+  } cases[] = {
+      {nullptr, {}, false, false, {"poweroff"},
+       {"upsser.cfg cannot be read", "switching the PC off"}},
+      {"EXITACTION:TEST\r\nEXITBEFORE: stop-db \r\n", failing, false, false, {},
+       {"EXITBEFORE stop-db ended with status 3",
+        "EXITACTION:TEST: the PC would be switched off now"}},
+      {"EXITACTION: hibernate\r\nEXITBEFORE:stop-db\r\n", hung, false, false,
+       {"hibernate"},
+       {"EXITBEFORE stop-db did not end within 30 s", "hibernating the PC"}},
+      {"EXITACTION:HIBERNATE\r\nEXITBEFORE:stop-db\r\n", not_started, true, false,
+       {"hibernate", "poweroff"},
+       {"EXITBEFORE stop-db could not be started: 2 No such file or directory",
+        "hibernating the PC",
+        "hibernating failed: 5 Access is denied; switching the PC off instead"}},
+      {"EXITACTION:TEST\r\nEXITACTION:REBOOT\r\n", {}, false, true, {"poweroff"},
+       {"switching the PC off (EXITACTION:REBOOT is unknown)",
+        "switching the PC off failed: 5 Access is denied"},
+       1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.settings ? c.settings : "no settings");
+    platform::FakePlatform fake;
+    fake.folders.insert("/kovran/SERLOGS");
+    if (c.settings) fake.files["/kovran/upsser.cfg"] = c.settings;
+    if (c.before) fake.command_results["stop-db"] = *c.before;
+    const platform::SystemError denied{5, "Access is denied"};
+    if (c.hibernate_fails) fake.hibernate_error = denied;
+    if (c.power_off_fails) fake.power_off_error = denied;
+    EXPECT_EQ(exitprogram::Run(fake), c.status);
+    EXPECT_EQ(fake.switch_offs, c.switch_offs);
+    EXPECT_EQ(fake.Now(), std::chrono::seconds(c.before && c.before->started &&
+                                                       !c.before->ended
+                                                   ? 30
+                                                   : 0));
+    Strings log;
+    const std::string text = fake.files["/kovran/SERLOGS/2026-11.CLG"];
+    for (std::size_t at = 0, end; (end = text.find("\r\n", at)) != text.npos;
+         at = end + 2) {
+      log.push_back(text.substr(at + 22, end - at - 22));
+    }
+    Strings expected;
+    for (const std::string& line : c.log) expected.push_back("EXIT.EXE: " + line);
+    EXPECT_THAT(log, ElementsAreArray(expected));
+  }
+}
+
+}  // namespace
+}  // namespace exitprogram
