@@ -47,10 +47,10 @@ class Shutdown {
     }
     if (action == "HIBERNATE") {
       Log("EXIT.EXE: hibernating the PC");
-      const auto failed = p_.Hibernate();
-      if (!failed) return 0;
+      const auto hibernate_failed = p_.Hibernate();
+      if (!hibernate_failed) return 0;
       // A PC left running on battery is the one outcome to prevent.
-      Log("EXIT.EXE: hibernating failed: " + Described(*failed) +
+      Log("EXIT.EXE: hibernating failed: " + Described(*hibernate_failed) +
           "; switching the PC off instead");
     } else {
       const bool known = action.empty() || action == "POWEROFF";
