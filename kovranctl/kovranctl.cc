@@ -1,9 +1,10 @@
 // kovranctl: talks to the KOVRAN running on this machine the way its local
 // status windows (UDP) and local programs (TCP port 1499) do.
 //
-// A window command binds window N's UDP port, so it cannot run while that
-// window is open, and it takes every answer KOVRAN sends to window N, a
-// pending one-time notice included: that window never sees the notice then.
+// A window command binds window N's UDP port (by default the first window
+// whose port is free, so it does not take the place of an open status
+// window), and it takes every answer KOVRAN sends to window N, a pending
+// one-time notice included: that window never sees the notice then.
 // Every wait has a deadline; SIGINT/SIGTERM end any command (watch with 0,
 // the others with 130).
 #include <algorithm>
@@ -19,15 +20,18 @@
 #include <vector>
 
 #include "frame/settings.h"
+#include "localports/window_client.h"
 #include "platform/real_platform.h"
 
 namespace {
 
+using localports::DiscoveryEntries;
+using localports::ParseStatusLine;
+using localports::Printable;
+using localports::StatusLine;
+
 constexpr int kControlPort = 1499;
 constexpr double kAnswerSeconds = 2.0;
-// KOVRAN answers the requests of windows 1..3 only; higher windows get
-// STOP/STAR/ENDPROGRAM handled and nothing else.
-constexpr int kLastAnsweredWindow = 3;
 constexpr int kInterrupted = 130;
 
 struct Command {
@@ -93,7 +97,8 @@ std::string HelpOf(const Command& c) {
   return text +
          "  --window N     ask as local window N (1..3, at most "
          "MAXLOCALUSERS;\n"
-         "                 default 1) from UDP port LOCALWINDOWPORT + 2(N-1)\n"
+         "                 default: the first free one) from UDP port\n"
+         "                 LOCALWINDOWPORT + 2(N-1)\n"
          "  --config FILE  settings (default: upsser.cfg beside kovranctl)\n" +
          std::string(kNoticeNote);
 }
@@ -105,22 +110,6 @@ void Say(const std::string& line) {
 
 void Complain(const std::string& line) {
   std::fputs(("kovranctl: " + line + "\n").c_str(), stderr);
-}
-
-// Control characters escaped, so that no answer can garble a terminal.
-std::string Printable(std::string_view text) {
-  std::string out;
-  for (const char ch : text) {
-    const auto byte = static_cast<unsigned char>(ch);
-    if (byte >= 0x20 && byte != 0x7f) {
-      out += ch;
-    } else {
-      char hex[8];
-      std::snprintf(hex, sizeof hex, "\\x%02x", byte);
-      out += ch == '\r' ? "\\r" : ch == '\n' ? "\\n" : hex;
-    }
-  }
-  return out;
 }
 
 std::string Shown(const std::string& text) {
@@ -137,7 +126,7 @@ bool ParseNumber(std::string_view text, T& value) {
 struct Options {
   const Command* command = nullptr;
   bool help = false;
-  int window = 1;
+  int window = 0;  // the first free one
   std::string config;
   std::string host = "127.0.0.1";
   double timeout = 10;
@@ -204,12 +193,9 @@ class Loop {
   // True once `done` holds; false when `seconds` pass first or a signal asks
   // to end.
   bool RunUntil(const std::function<bool()>& done, double seconds) {
-    const double deadline = Now() + seconds;
-    while (!done()) {
-      if (interrupted_ || Now() >= deadline) return false;
-      platform_.RunFor(std::chrono::milliseconds(10));
-    }
-    return true;
+    platform_.RunUntil([&] { return interrupted_ || done(); },
+                       Now() + seconds);
+    return !interrupted_ && done();
   }
   void Pause(double seconds) {
     RunUntil([] { return false; }, seconds);
@@ -220,95 +206,37 @@ class Loop {
   bool interrupted_ = false;
 };
 
-// Local window N's socket: bound to the window's port, sending to KOVRAN's
-// port of that window (the next one), keeping what comes from there.
+// Window N through the shared client, with kovranctl's deadline and its
+// interruption.
 class Window {
  public:
-  Window(Loop& loop, int number, int port)
-      : loop_(loop), number_(number), port_(port) {}
+  explicit Window(Loop& loop) : loop_(loop), client_(loop.platform()) {}
 
-  bool Open() {
-    // KOVRAN answers from the machine's own address, whichever that is, so
-    // every local address counts and other machines do not.
-    const std::vector<std::string> local = loop_.platform().LocalAddresses();
-    socket_ = loop_.platform().NewUdpSocket();
-    socket_->SetEvents({.on_datagram = [this, local](const std::string& data,
-                                                     const std::string& sender,
-                                                     int sender_port) {
-      if (sender_port == port_ + 1 &&
-          std::find(local.begin(), local.end(), sender) != local.end()) {
-        answers_.push_back(data);
-      }
-    }});
-    return socket_->Bind(port_) && socket_->SetRemote("127.0.0.1", port_ + 1);
-  }
-
-  std::string KovranPort() const { return std::to_string(port_ + 1); }
-
-  void Send(const std::string& request) { socket_->Send(request); }
-
+  localports::WindowClient& client() { return client_; }
+  std::string KovranPort() const { return std::to_string(client_.kovran_port()); }
+  void Send(const std::string& request) { client_.Send(request); }
   // Sends a request that gets no answer. KOVRAN handles the datagrams of
   // one socket in order, so a request sent next sees its effect.
   void Tell(const std::string& request) { Send(request); }
-
-  std::optional<std::string> Take() {
-    if (answers_.empty()) return std::nullopt;
-    std::string answer = std::move(answers_.front());
-    answers_.pop_front();
-    return answer;
-  }
-
+  std::optional<std::string> Take() { return client_.Take(); }
   std::optional<std::string> Ask(const std::string& request) {
-    Send(request);
-    loop_.RunUntil([this] { return !answers_.empty(); }, kAnswerSeconds);
-    return Take();
+    return client_.Ask(request, kAnswerSeconds,
+                       [this] { return loop_.interrupted(); });
   }
 
   int NoAnswer() {
     if (loop_.interrupted()) return kInterrupted;
     Complain("no answer from KOVRAN within 2 s on UDP port " + KovranPort() +
-             " (asked as window " + std::to_string(number_) +
-             " from UDP port " + std::to_string(port_) +
+             " (asked as window " + std::to_string(client_.number()) +
+             " from UDP port " + std::to_string(client_.port()) +
              "); is KOVRAN running?");
     return 2;
   }
 
  private:
   Loop& loop_;
-  int number_;
-  int port_;
-  std::unique_ptr<platform::UdpSocket> socket_;
-  std::deque<std::string> answers_;
+  localports::WindowClient client_;
 };
-
-// "RSC++STATUS++DETAIL++ALARM": R the alarm flag (may be missing), S STOPPED,
-// C COMMOK.
-struct StatusLine {
-  std::string raised;
-  char stopped = '0';
-  char link = '0';
-  std::string status, detail, alarm;
-
-  bool operator==(const StatusLine&) const = default;
-};
-
-std::optional<StatusLine> ParseStatusLine(const std::string& answer) {
-  const auto a = answer.find("++");
-  if (a == answer.npos || a < 2 || a > 3) return std::nullopt;
-  const auto b = answer.find("++", a + 2);
-  const auto c = b == answer.npos ? b : answer.find("++", b + 2);
-  if (c == answer.npos) return std::nullopt;
-  if (!std::all_of(answer.begin(), answer.begin() + a,
-                   [](char ch) { return ch >= '0' && ch <= '9'; })) {
-    return std::nullopt;
-  }
-  return StatusLine{.raised = answer.substr(0, a - 2),
-                    .stopped = answer[a - 2],
-                    .link = answer[a - 1],
-                    .status = answer.substr(a + 2, b - a - 2),
-                    .detail = answer.substr(b + 2, c - b - 2),
-                    .alarm = answer.substr(c + 2)};
-}
 
 std::string Watching(const StatusLine& s) {
   return s.stopped == '1' ? "watching stopped" : "watching on";
@@ -318,22 +246,6 @@ std::string Link(const StatusLine& s) {
 }
 std::string Raised(const StatusLine& s) {
   return s.raised == "1" ? "alarm raised yes" : "alarm raised no";
-}
-
-// The entries of a discovery result, one a line after "DISCOVER".
-std::vector<std::string> DiscoveryEntries(std::string_view answer) {
-  std::vector<std::string> entries;
-  std::string_view rest = answer.substr(std::string_view("DISCOVER").size());
-  while (!rest.empty()) {
-    const auto end = rest.find('\n');
-    std::string_view entry = rest.substr(0, end);
-    rest = end == rest.npos ? std::string_view() : rest.substr(end + 1);
-    while (!entry.empty() && (entry.back() == '\r' || entry.back() == ' ')) {
-      entry.remove_suffix(1);
-    }
-    if (!entry.empty()) entries.push_back(Printable(entry));
-  }
-  return entries;
 }
 
 // An answer that is not a status line.
@@ -346,7 +258,7 @@ std::string DescribeNotice(const std::string& answer) {
   if (!answer.starts_with("DISCOVER")) return Printable(answer);
   std::string text = "DISCOVER (discovery result)";
   for (const std::string& entry : DiscoveryEntries(answer)) {
-    text += "\n  " + entry;
+    text += "\n  " + Printable(entry);
   }
   return text;
 }
@@ -430,7 +342,7 @@ int Discover(Loop& loop, Window& w, double timeout) {
         const std::vector<std::string> entries = DiscoveryEntries(*answer);
         Say(entries.empty() ? "discovery result: nothing found"
                             : "discovery result:");
-        for (const std::string& entry : entries) Say("  " + entry);
+        for (const std::string& entry : entries) Say("  " + Printable(entry));
         return 0;
       }
       if (!answer->empty() && !ParseStatusLine(*answer)) {
@@ -586,51 +498,25 @@ int Control(Loop& loop, const Options& o) {
   return 1;
 }
 
-// Window N's UDP port from the settings file, or the exit code when there is
-// none.
-int WindowPort(Loop& loop, const Options& o, int& port) {
+int RunWindowCommand(Loop& loop, const Options& o) {
   platform::RealPlatform& p = loop.platform();
   const std::string path =
       o.config.empty()
           ? p.ProgramFolder() + p.PathSeparator() + frame::kSettingsFileName
           : o.config;
-  const std::optional<std::string> text = p.ReadFile(path);
-  if (!text) {
-    Complain("cannot read the settings file " + path +
+  localports::WindowSettings settings;
+  if (const frame::Status read =
+          localports::ReadWindowSettings(p, path, settings);
+      !read.ok()) {
+    Complain(read.message() +
              (o.config.empty() ? " (give one with --config FILE)" : ""));
     return 1;
   }
-  frame::SettingsItems items;
-  if (const frame::Status read = frame::ParseSettings(*text, items);
-      !read.ok()) {
-    Complain("the settings file " + path + " is broken: " + read.message());
-    return 1;
-  }
-  if (items.LOCALWINDOWPORT <= 0) {
-    Complain("the settings file " + path + " sets no LOCALWINDOWPORT");
-    return 1;
-  }
-  if (o.window < 1 || o.window > kLastAnsweredWindow ||
-      o.window > items.MAXLOCALUSERS) {
-    Complain("window " + std::to_string(o.window) +
-             " cannot be used: KOVRAN answers windows 1..3 up to "
-             "MAXLOCALUSERS (" +
-             std::to_string(items.MAXLOCALUSERS) + " in " + path + ")");
-    return 1;
-  }
-  port = items.LOCALWINDOWPORT + 2 * (o.window - 1);
-  return 0;
-}
-
-int RunWindowCommand(Loop& loop, const Options& o) {
-  int port = 0;
-  if (const int code = WindowPort(loop, o, port); code != 0) return code;
-  Window w(loop, o.window, port);
-  if (!w.Open()) {
-    Complain("UDP port " + std::to_string(port) + " of window " +
-             std::to_string(o.window) +
-             " is in use: that KOVRAN window is probably open; ask as "
-             "another window with --window N");
+  Window w(loop);
+  if (const frame::Status opened = w.client().Open(settings, o.window);
+      !opened.ok()) {
+    Complain(opened.message() +
+             (o.window != 0 ? "; ask as another window with --window N" : ""));
     return 1;
   }
   const std::string_view name = o.command->name;
