@@ -441,7 +441,7 @@ bool FlipsAndPolls(const Options& o, bool flips, bool polls) {
         seen = capture.ProgramReplies();
         Sleep(0.4);
         if (stop) break;
-        std::system(command.c_str());
+        [[maybe_unused]] const int status = std::system(command.c_str());
         ++gets;
       }
     });

@@ -335,17 +335,21 @@ int RealPlatform::PlatformNumber() { return kPlatformPosix; }
 
 void RealPlatform::ReportWatching(bool) {}
 
-// The running copy holds an exclusive lock on its own executable file; a
-// second copy of the same file finds it taken. Copies in other folders are
-// other files and do not see each other.
+// The running copy holds an exclusive lock on KOVRAN.LCK in its program
+// folder; a second copy from the same folder finds it taken. The file is
+// made readable by its owner alone, so an ordinary user can neither take
+// the lock of a copy that runs as root (the installed service) nor keep it
+// from starting; a lock the user may not open counts as taken. A folder
+// where the file can neither be opened nor made (read-only, gone) leaves
+// the rule unapplied rather than the UPS unwatched. Read access is enough
+// for flock, so a lock file shipped in a read-only folder works as well.
 bool RealPlatform::AnotherInstanceRunning() {
   if (impl_->os->instance_lock_fd >= 0) return false;
-  std::string exe(4096, '\0');
-  const ssize_t n = ::readlink("/proc/self/exe", exe.data(), exe.size());
-  if (n <= 0) return false;
-  exe.resize(static_cast<std::size_t>(n));
-  const int fd = ::open(exe.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+  const std::string path = ProgramFolder() + "/KOVRAN.LCK";
+  const int fd = ::open(path.c_str(),
+                        O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) return errno == EACCES;
+  ::fchmod(fd, 0600);  // a file made by hand may let others in; a read-only one stays
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
     const bool taken = errno == EWOULDBLOCK;
     ::close(fd);

@@ -255,7 +255,8 @@ class RemoteHost {
     EXPECT_EQ(std::system(veth.c_str()), 0) << veth;
   }
   ~RemoteHost() {
-    std::system(("ip link del " + link_ + " 2>/dev/null").c_str());
+    const std::string del = "ip link del " + link_ + " 2>/dev/null";
+    [[maybe_unused]] const int status = std::system(del.c_str());
   }
   // The path of its namespace, for nsenter --net=.
   const std::string& ns() const { return ns_; }

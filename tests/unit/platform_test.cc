@@ -184,6 +184,24 @@ TYPED_TEST(PlatformContractTest, DatagramsArriveWholeWithTheirSender) {
   EXPECT_EQ(got.size(), sent.size());
 }
 
+// One copy per program folder: a second finds the first, and the folder is
+// free again once the first has gone. On Linux the lock file is its owner's
+// alone, so no other user can take it first.
+TEST(RealPlatformTest, OneCopyPerFolderUntilItEnds) {
+  auto first = std::make_unique<RealPlatform>(false);
+  EXPECT_FALSE(first->AnotherInstanceRunning());
+  if (first->PlatformNumber() == 1) {  // not the NT family
+    const auto perms =
+        fs::status(first->ProgramFolder() + "/KOVRAN.LCK").permissions();
+    EXPECT_EQ(perms & (fs::perms::group_all | fs::perms::others_all),
+              fs::perms::none);
+  }
+  EXPECT_FALSE(first->AnotherInstanceRunning()) << "it holds the lock";
+  EXPECT_TRUE(RealPlatform(false).AnotherInstanceRunning());
+  first.reset();
+  EXPECT_FALSE(RealPlatform(false).AnotherInstanceRunning());
+}
+
 // A real client against a real listener: an offered connection not taken
 // is closed; a taken one carries data both ways, reports its send complete
 // and the peer's close. The client keeps unread bytes together.

@@ -79,17 +79,6 @@ TEST(WindowsPlatformTest, TextsFitTheCodePagesExactlyOrNotAtAll) {
   }
 }
 
-// One copy per program folder: a second finds the first, and the folder is
-// free again once the first has gone.
-TEST(WindowsPlatformTest, OneCopyPerFolderUntilItEnds) {
-  auto first = std::make_unique<RealPlatform>(false);
-  EXPECT_FALSE(first->AnotherInstanceRunning());
-  EXPECT_FALSE(first->AnotherInstanceRunning()) << "it holds the lock";
-  EXPECT_TRUE(RealPlatform(false).AnotherInstanceRunning());
-  first.reset();
-  EXPECT_FALSE(RealPlatform(false).AnotherInstanceRunning());
-}
-
 TEST(WindowsPlatformTest, SocketErrorsKeepTheirNativeNumbers) {
   EXPECT_EQ(ToSocketError(asio::error::connection_refused).number,
             wsa::kConnectionRefused);
