@@ -34,22 +34,6 @@ struct Control {
   bool closed = false;
 };
 
-TEST(LocalPortsTest, WindowSeesTheCountdownThenShutdown) {
-  ProgramFolder folder;
-  folder.SetSetting("POLLINGTIME:1");
-  folder.Write("script", "0 #100000000006000Power failure\n");
-  folder.Start({PAVO_SIM_BINARY, "--port", "3052", "--script", folder.Path("script")});
-  folder.Start();
-  Window window;
-  // The alarm, watching, the link OK, then the three texts, the seconds left.
-  const std::regex counting(R"(101\+\+[^+]+\+\+Power failure\+\+\D*\d+\D*)");
-  std::string last;
-  ASSERT_TRUE(WaitUntil([&] {
-    return std::regex_match(last = window.Ask("LABELS"), counting);
-  })) << last;
-  EXPECT_TRUE(WaitUntil([&] { return window.Ask("SETUPR") == "SHUTDOWN"; }));
-}
-
 // The control port taken by another program: logged, and the rest runs.
 TEST(LocalPortsTest, EndProgramEndsSixSecondsLater) {
   ProgramFolder folder;

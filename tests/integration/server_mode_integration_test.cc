@@ -35,7 +35,6 @@ class ServerModeTest : public ::testing::Test {
     folder_.Write("EXIT.EXE", "#!/bin/sh\n: > " + folder_.Path(kExitRan));
     fs::permissions(folder_.Path("EXIT.EXE"), fs::perms::all);
     folder_.Write("script", script);
-    sim_started_ = Clock::now();  // no later than the simulator's own start
     folder_.Start({PAVO_SIM_BINARY, "--port", "3052", "--script",
                    folder_.Path("script")});
     program_ = &folder_.Start();
@@ -62,42 +61,8 @@ class ServerModeTest : public ::testing::Test {
   }
 
   ProgramFolder folder_;
-  Clock::time_point sim_started_;
   Program* program_ = nullptr;
 };
-
-// The mains come back while 15 s on battery run out, which stops the
-// countdown; a later failure with 5 s left starts EXIT.EXE about 30 s after
-// the shutdown flag.
-TEST_F(ServerModeTest, MainsFailureStartsExitExeThirtySecondsAfterTheFlag) {
-  // Records: "#", flags 2-5, four unread, the time field, three unread, the
-  // detail. Flag 5 is set with the mains back: flags 4 and 5 both "0" would
-  // restart the countdown at every poll, hiding one that was not stopped.
-  const std::string last = std::string("#100000000005000") + kFailure;
-  Start(std::string("0 #100000000015000") + kFailure +
-        "\n5.5 #000100000015000Mains power is back\n30.5 " + last + "\n");
-  // With 5 s left, fewer than 4 s are left 1 s after the record at the
-  // earliest (a countdown started late in its second), 2 s nominally; the
-  // exit timer then counts 29 full periods after its first tick, which may
-  // have been due up to 1 s before the flag; 0.25 s for the clocks.
-  ASSERT_TRUE(
-      WaitUntil([&] { return Count(last) > 0; }, std::chrono::seconds(40)));
-  const auto polls = Polls();
-  const double earliest_flag =
-      std::ranges::find(polls, last, &Poll::outcome)->ended + 1;
-  ASSERT_TRUE(WaitUntil([&] { return fs::exists(folder_.Path(kExitRan)); },
-                        std::chrono::seconds(45)));
-  const std::chrono::duration<double> exit_ran =  // on the simulator's clock
-      Clock::now() - sim_started_ -
-      (fs::file_time_type::clock::now() -
-       fs::last_write_time(folder_.Path(kExitRan)));
-  EXPECT_GE(exit_ran.count() - earliest_flag, 30 - 1 - 0.25);
-  EXPECT_EQ(program_->WaitForExit(), 0);
-  // The detail text is logged twice when a countdown starts.
-  EXPECT_THAT(folder_.Log(),
-              ElementsAre(kStartLine, kFailure, kFailure, "Mains power is back",
-                          kFailure, kFailure, kEndLine));
-}
 
 // Refused, then reset, then silent, then answering (the program polls near
 // whole seconds, the script switches between them): after a reset the
