@@ -20,18 +20,12 @@ struct Control {
   std::string Ask(const std::string& command) {
     const std::string request = "H:TS>IP:127.0.0.1>C:" + command + "\r\n";
     ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-    return Rest();
-  }
-  std::string Rest() {
     std::string reply;
     char buffer[256];
-    ssize_t n;
-    while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0) reply.append(buffer, n);
-    closed = n == 0 || errno == ECONNRESET;
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, n);
     return reply;
   }
   int fd = Bound(SOCK_STREAM, 0);
-  bool closed = false;
 };
 
 // The control port taken by another program: logged, and the rest runs.
@@ -58,22 +52,11 @@ TEST(LocalPortsTest, EndProgramEndsSixSecondsLater) {
   ::close(other);
 }
 
-TEST(LocalPortsTest, ControlPortAnswersAndRotatesItsSlots) {
+// Outside the NT family EXITPROGRAM ends the program itself, 4 s later.
+TEST(LocalPortsTest, ExitProgramEndsTheProgram) {
   ProgramFolder folder;
   Program& program = folder.Start();
-  Window window;
-  ASSERT_TRUE(window.Ready());
-  Control runstatus;
-  EXPECT_EQ(runstatus.Ask("RUNSTATUS"), "3\r");
-  EXPECT_TRUE(runstatus.closed) << "closed after the reply";
-  std::vector<std::unique_ptr<Control>> open;
-  for (int i = 0; i < 16; ++i) open.push_back(std::make_unique<Control>());
-  EXPECT_EQ(open[0]->Rest(), "");
-  EXPECT_TRUE(open[0]->closed) << "the 16th took the first one's slot";
-  EXPECT_EQ(open[1]->Ask("UNKNOWN"), "");
-  EXPECT_FALSE(open[1]->closed) << "no reply keeps it open";
-  EXPECT_EQ(Control().Ask("ENDSERWIN"), "OK-ENDSERWIN");
-  EXPECT_EQ(window.Ask("LABELS"), "ENDWINDOW");
+  ASSERT_TRUE(Window().Ready());
   const auto asked = Clock::now();
   EXPECT_EQ(Control().Ask("EXITPROGRAM"), "OK-EXITPROGRAM");
   EXPECT_EQ(program.WaitForExit(), 0);
