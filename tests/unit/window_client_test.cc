@@ -1,6 +1,5 @@
 // The window's side of the local window channel on the fake platform: the
 // choice of window, whose answers count, and what an answer is.
-#include <optional>
 #include <set>
 
 #include "gmock/gmock.h"
@@ -22,16 +21,12 @@ TEST(WindowClientTest, TakesTheFirstFreeWindowOrTheOneNamed) {
     std::string error;
   } cases[] = {
       {3, {}, 0, 1, ""},
-      {3, {5000}, 0, 2, ""},
       {3, {5000, 5002}, 0, 3, ""},
       {3, {5000, 5002, 5004}, 0, 0, "no free window"},
       {2, {5000, 5002}, 0, 0, "no free window"},  // 3 is beyond MAXLOCALUSERS
-      {9, {5000, 5002, 5004}, 0, 0, "no free window"},  // 4 gets no answers
-      {0, {}, 0, 0, "no free window"},
       {3, {}, 3, 3, ""},
       {3, {5000}, 1, 0, "UDP port 5000 of window 1 is in use"},
       {9, {}, 4, 0, "window 4 cannot be used"},
-      {1, {}, 2, 0, "window 2 cannot be used"},
   };
   for (const auto& c : cases) {
     platform::FakePlatform fake;
@@ -40,10 +35,7 @@ TEST(WindowClientTest, TakesTheFirstFreeWindowOrTheOneNamed) {
     const frame::Status opened = client.Open({5000, c.max_users}, c.requested);
     EXPECT_EQ(client.number(), c.window) << c.max_users << " " << c.requested;
     EXPECT_THAT(opened.message(), HasSubstr(c.error));
-    if (c.window == 0) continue;
-    EXPECT_EQ(client.port(), 5000 + 2 * (c.window - 1));
-    auto& socket = *fake.network.udp_bound.at(client.port());
-    EXPECT_EQ(socket.remote_port(), client.port() + 1);
+    EXPECT_EQ(client.port(), c.window ? 5000 + 2 * (c.window - 1) : 0);
   }
 }
 
@@ -53,8 +45,6 @@ TEST(WindowClientTest, TakesTheFirstFreeWindowOrTheOneNamed) {
 TEST(WindowClientTest, TakesAnswersFromKovransPortOnThisMachineOnly) {
   platform::FakePlatform fake;
   WindowClient client(fake);
-  int arrived = 0;
-  client.SetOnAnswer([&] { ++arrived; });
   ASSERT_TRUE(client.Open({5000, 3}).ok());
   auto& socket = *fake.network.udp_bound.at(5000);
   const struct {
@@ -65,19 +55,17 @@ TEST(WindowClientTest, TakesAnswersFromKovransPortOnThisMachineOnly) {
   } cases[] = {
       {"127.0.0.1", 5001, 0, true},
       {"192.168.1.20", 5001, 0, true},
-      {"127.0.0.1", 5003, 0, false},   // another window's port
+      {"127.0.0.1", 5003, 0, false},     // another window's port
       {"192.168.1.99", 5001, 0, false},  // another machine
-      {"10.0.0.7", 5001, 0.5, false},  // a new address, the list read 0.5 s ago
-      {"10.0.0.7", 5001, 0.5, true},   // ... now 1 s ago
+      {"10.0.0.7", 5001, 0.5, false},    // a new address, the list read 0.5 s ago
+      {"10.0.0.7", 5001, 0.5, true},     // ... now 1 s ago
   };
   for (const auto& c : cases) {
     if (c.sender == "10.0.0.7") fake.network.addresses.push_back("10.0.0.7");
     fake.Advance(std::chrono::milliseconds(int(c.after_seconds * 1000)));
-    const int before = arrived;
     socket.Deliver("001++a++b++c", c.sender, c.port);
     fake.RunReady();
-    EXPECT_EQ(arrived - before, c.taken ? 1 : 0) << c.sender << ":" << c.port;
-    EXPECT_EQ(client.Take().has_value(), c.taken) << c.sender;
+    EXPECT_EQ(client.Take().has_value(), c.taken) << c.sender << ":" << c.port;
   }
 }
 
@@ -85,40 +73,33 @@ TEST(WindowClientTest, AskWaitsForTheAnswerUpToItsDeadline) {
   platform::FakePlatform fake;
   WindowClient client(fake);
   ASSERT_TRUE(client.Open({5000, 1}).ok());
-  platform::FakeUdpSocket kovran(fake.network);
-  ASSERT_TRUE(kovran.Bind(5001) && kovran.SetRemote("127.0.0.1", 5000));
-  kovran.SetEvents({.on_datagram = [&](const std::string& data,
-                                       const std::string&, int) {
-    if (data == "LABELS") fake.At(std::chrono::milliseconds(1999), [&] {
-      kovran.Send("001++s++d++a");
-    });
-  }});
+  fake.At(std::chrono::milliseconds(1999), [&] {
+    fake.network.udp_bound.at(5000)->Deliver("001++s++d++a", "127.0.0.1", 5001);
+  });
   EXPECT_EQ(client.Ask("LABELS", 2.0), "001++s++d++a");
   EXPECT_EQ(client.Ask("STOP", 2.0), std::nullopt);
   EXPECT_NEAR(fake.SteadySeconds(), 3.999, 1e-6);
 }
 
+// The kinds KOVRAN's answers come in; the status line's fields are given as
+// raised|stopped|link|status|detail|alarm.
 TEST(WindowClientTest, AnswersAreToldApart) {
   const struct {
     std::string answer;
     AnswerKind kind;
-    std::string parsed;  // raised|stopped|link|status|detail|alarm
+    std::string parsed = "";
   } cases[] = {
       {"101++Status++Power failure++57", AnswerKind::kStatusLine,
        "1|0|1|Status|Power failure|57"},
       {"01++s++++", AnswerKind::kStatusLine, "|0|1|s||"},
       {"001++s++d++a++b", AnswerKind::kStatusLine, "0|0|1|s|d|a++b"},
-      {"0010++s++d++a", AnswerKind::kOther, ""},
-      {"0x1++s++d++a", AnswerKind::kOther, ""},
-      {"001++s++d", AnswerKind::kOther, ""},
-      {"", AnswerKind::kEmpty, ""},
-      {"SHUTDOWN", AnswerKind::kShutdown, ""},
-      {"CLOSE", AnswerKind::kClose, ""},
-      {"ENDWINDOW", AnswerKind::kEndWindow, ""},
-      {"SETUPR", AnswerKind::kSetup, ""},
-      {"DISCOVER", AnswerKind::kDiscovery, ""},
-      {"DISCOVER10.0.0.5 UPS", AnswerKind::kDiscovery, ""},
-      {"SHUTDOWNX", AnswerKind::kOther, ""},
+      {"0010++s++d++a", AnswerKind::kOther},
+      {"0x1++s++d++a", AnswerKind::kOther},
+      {"001++s++d", AnswerKind::kOther},
+      {"", AnswerKind::kEmpty},
+      {"SETUPR", AnswerKind::kSetup},
+      {"DISCOVER10.0.0.5 UPS", AnswerKind::kDiscovery},
+      {"SHUTDOWNX", AnswerKind::kOther},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(localports::KindOf(c.answer), c.kind) << c.answer;
@@ -131,30 +112,6 @@ TEST(WindowClientTest, AnswersAreToldApart) {
   EXPECT_THAT(localports::DiscoveryEntries("DISCOVER10.0.0.5 UPS A \r\n\n"
                                            "10.0.0.6 UPS B"),
               ::testing::ElementsAre("10.0.0.5 UPS A", "10.0.0.6 UPS B"));
-}
-
-TEST(WindowClientTest, SettingsNameTheWindowsOrSayWhatIsWrong) {
-  const struct {
-    std::optional<std::string> file;
-    std::string error;
-  } cases[] = {
-      {"LOCALWINDOWPORT:6000\r\nMAXLOCALUSERS:2\r\n", ""},
-      {std::nullopt, "cannot read the settings file /k/upsser.cfg"},
-      {"LOCALWINDOWPORT:99999\r\n", "/k/upsser.cfg is broken: "},
-      {"MAXLOCALUSERS:2\r\n", "/k/upsser.cfg sets no LOCALWINDOWPORT"},
-  };
-  for (const auto& c : cases) {
-    platform::FakePlatform fake;
-    if (c.file) fake.files["/k/upsser.cfg"] = *c.file;
-    localports::WindowSettings read;
-    const frame::Status status =
-        localports::ReadWindowSettings(fake, "/k/upsser.cfg", read);
-    EXPECT_THAT(status.message(), HasSubstr(c.error));
-    if (c.error.empty()) {
-      EXPECT_EQ(read.LOCALWINDOWPORT, 6000);
-      EXPECT_EQ(read.MAXLOCALUSERS, 2);
-    }
-  }
 }
 
 }  // namespace
