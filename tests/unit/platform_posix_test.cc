@@ -22,7 +22,6 @@ namespace platform {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 struct TempFolder {
   TempFolder() { folder = ::mkdtemp(pattern.data()) ? pattern : ""; }

@@ -28,7 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Duration = std::chrono::nanoseconds;
-using Ms = std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 using Text = const std::string&;
 
@@ -44,7 +43,7 @@ struct RealDriver {
   static constexpr bool kVirtualTime = false;
   RealDriver() { fs::create_directory(folder, ignored); }
   ~RealDriver() { fs::remove_all(folder, ignored); }
-  void Pass(Duration d) { p.RunFor(std::chrono::ceil<Ms>(d)); }
+  void Pass(Duration d) { p.RunFor(std::chrono::ceil<std::chrono::milliseconds>(d)); }
   void Work(Duration d) {  // keeps the event thread busy
     for (auto end = Clock::now() + d; Clock::now() < end;) continue;
   }

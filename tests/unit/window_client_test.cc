@@ -8,9 +8,8 @@
 
 namespace {
 
-using localports::AnswerKind;
+using enum localports::AnswerKind;
 using localports::WindowClient;
-using ::testing::HasSubstr;
 
 TEST(WindowClientTest, TakesTheFirstFreeWindowOrTheOneNamed) {
   const struct {
@@ -34,7 +33,7 @@ TEST(WindowClientTest, TakesTheFirstFreeWindowOrTheOneNamed) {
     WindowClient client(fake);
     const frame::Status opened = client.Open({5000, c.max_users}, c.requested);
     EXPECT_EQ(client.number(), c.window) << c.max_users << " " << c.requested;
-    EXPECT_THAT(opened.message(), HasSubstr(c.error));
+    EXPECT_THAT(opened.message(), ::testing::HasSubstr(c.error));
     EXPECT_EQ(client.port(), c.window ? 5000 + 2 * (c.window - 1) : 0);
   }
 }
@@ -86,18 +85,17 @@ TEST(WindowClientTest, AskWaitsForTheAnswerUpToItsDeadline) {
 TEST(WindowClientTest, AnswersAreToldApart) {
   const struct {
     std::string answer;
-    AnswerKind kind;
+    localports::AnswerKind kind;
     std::string parsed = "";
   } cases[] = {
-      {"101++Status++Power failure++57", AnswerKind::kStatusLine,
-       "1|0|1|Status|Power failure|57"},
-      {"01++s++++", AnswerKind::kStatusLine, "|0|1|s||"},
-      {"001++s++d++a++b", AnswerKind::kStatusLine, "0|0|1|s|d|a++b"},
-      {"0010++s++d++a", AnswerKind::kOther},
-      {"0x1++s++d++a", AnswerKind::kOther},
-      {"001++s++d", AnswerKind::kOther},
-      {"", AnswerKind::kEmpty},
-      {"DISCOVER10.0.0.5 UPS", AnswerKind::kDiscovery},
+      {"101++Status++Power failure++57", kStatusLine, "1|0|1|Status|Power failure|57"},
+      {"01++s++++", kStatusLine, "|0|1|s||"},
+      {"001++s++d++a++b", kStatusLine, "0|0|1|s|d|a++b"},
+      {"0010++s++d++a", kOther},
+      {"0x1++s++d++a", kOther},
+      {"001++s++d", kOther},
+      {"", kEmpty},
+      {"DISCOVER10.0.0.5 UPS", kDiscovery},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(localports::KindOf(c.answer), c.kind) << c.answer;
