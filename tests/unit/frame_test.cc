@@ -28,7 +28,7 @@ class FrameTest : public ::testing::Test {
   FrameTest() { Reset(kSettings); }
 
   // A fresh fake and window, "/kovran" or (nt) a Windows folder holding the
-  // settings file (nullptr: none) and the language file LANGSE<selector>.TXT.
+  // settings file and the language file LANGSE<selector>.TXT.
   void Reset(const char* settings, char selector = '1',
              const char* language = kLanguage, bool nt = false) {
     main_.reset();
@@ -41,7 +41,7 @@ class FrameTest : public ::testing::Test {
     const std::string folder = fake_->program_folder + fake_->separator;
     fake_->folders = {fake_->program_folder, folder + "SERLOGS"};
     fake_->SetWallClock({2026, 11, 23}, 36001.5);
-    if (settings) fake_->files[folder + "upsser.cfg"] = settings;
+    fake_->files[folder + "upsser.cfg"] = settings;
     fake_->files[folder + "LANGSE" + selector + ".TXT"] = language;
     main_.emplace(*fake_);
     main_->parts.MULTIPORT = [this] { calls_ += 'M'; };
@@ -90,28 +90,12 @@ TEST_F(FrameTest, StartUpRunsTheStepsInOrderUntilThePlatformCloses) {
                        "MCS123"));
 }
 
-TEST_F(FrameTest, StartUpGoesOnOrEndsByItsFilesAndInstances) {
-  const struct {
-    const char* settings;  // nullptr: none
-    char selector;
-    const char* language;
-    int exit_code;  // -1: runs on
-    const char* log;
-    const char* calls;
-  } cases[] = {
-      {"LANGUAGE:2B", '2', "051 zwei", -1, "New Start /zwei|", "MCS"},
-      {"LANGUAGE:2", '1', "", kExitFailure, "Language support file error|", ""},
-      {nullptr, '1', "", kExitFailure,
-       "Settings file /kovran/upsser.cfg cannot be read; the program ends|",
-       ""},
-  };
-  for (const auto& c : cases) {
-    Reset(c.settings, c.selector, c.language);
-    main_->Load();
-    EXPECT_EQ(fake_->exit_code(), c.exit_code) << c.log;
-    EXPECT_EQ(Log(), c.log);
-    EXPECT_EQ(calls_, c.calls) << c.log;
-  }
+// LANGUAGE selects the language file by its first character.
+TEST_F(FrameTest, LanguageSelectsTheFile) {
+  Reset("LANGUAGE:2B", '2', "051 zwei");
+  main_->Load();
+  EXPECT_EQ(std::tuple(fake_->exit_code(), Log(), calls_),
+            std::tuple(-1, "New Start /zwei|", "MCS"));
 }
 
 // A reading keeps the keys the file lacks.
@@ -156,7 +140,6 @@ TEST_F(FrameTest, OnNtTheServiceIsAttachedOrInstalled) {
     std::string logged;  // between the start and the end line; "-": runs on
   } cases[] = {
       {nullptr, nullptr, ""},
-      {nullptr, &FakePlatform::failing_starts, kBatch + " could not start|"},
       {"old", &FakePlatform::unreadable, ""},
       {"old", nullptr, "-"},
   };
@@ -171,8 +154,7 @@ TEST_F(FrameTest, OnNtTheServiceIsAttachedOrInstalled) {
                          (runs ? "" : c.logged + "QueryUnload Program ended|"));
     EXPECT_EQ(calls_, runs ? "MCS" : "MC1");  // ends at once after installing
     EXPECT_EQ(fake_->files[kBatch] == kText, !runs);
-    EXPECT_EQ(fake_->starts.size(),
-              !runs && c.fault != &FakePlatform::failing_starts ? 1u : 0u);
+    EXPECT_EQ(fake_->starts.size(), runs ? 0u : 1u);
   }
   // Attached, the service's notifications suspend and resume the watching.
   const std::pair<int, int> steps[] = {{0, 1}, {2, 0}, {1, 1},
