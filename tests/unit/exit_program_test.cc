@@ -12,7 +12,6 @@
 namespace exitprogram {
 namespace {
 
-using Strings = std::vector<std::string>;
 
 TEST(ExitProgramTest, ActsAsTheSettingsSayAndLogsEachStep) {
   const platform::CommandResult not_started{.error = {2, "No such file or directory"}},
@@ -22,7 +21,7 @@ TEST(ExitProgramTest, ActsAsTheSettingsSayAndLogsEachStep) {
     const char* settings;
     const platform::CommandResult* before;
     bool hibernate_fails;
-    Strings switch_offs, log;
+    std::vector<std::string> switch_offs, log;
   } cases[] = {
       {"EXITACTION:TEST\r\nEXITBEFORE: stop-db \r\n", &failing, false, {},
        {"EXITBEFORE stop-db ended with status 3",
