@@ -23,21 +23,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct TempFolder {
-  TempFolder() { folder = ::mkdtemp(pattern.data()) ? pattern : ""; }
-  ~TempFolder() { fs::remove_all(folder, ignored); }
+// The real platform, with a folder of its own for scripts.
+struct RealPlatformPosixTest : ::testing::Test {
+  RealPlatformPosixTest() { folder = ::mkdtemp(pattern.data()) ? pattern : ""; }
+  ~RealPlatformPosixTest() override { fs::remove_all(folder, ignored); }
   std::string pattern = fs::temp_directory_path() / "kovran-XXXXXX", folder;
   std::error_code ignored;
+  RealPlatform p{/*exit_process=*/false};
 };
 
-TEST(RealPlatformTest, StartProcessRunsOnlyExecutableFiles) {
-  TempFolder d;
-  RealPlatform p(/*exit_process=*/false);
-  const std::string run = d.folder + "/run.sh", plain = d.folder + "/plain.sh";
+TEST_F(RealPlatformPosixTest, StartProcessRunsOnlyExecutableFiles) {
+  const std::string run = folder + "/run.sh", plain = folder + "/plain.sh";
   std::ofstream(run) << "#!/bin/sh\n";
   std::ofstream(plain) << "#!/bin/sh\n";
   fs::permissions(run, fs::perms::owner_all);
-  for (const auto& path : {d.folder + "/missing.sh", plain, d.folder}) {
+  for (const auto& path : {folder + "/missing.sh", plain, folder}) {
     EXPECT_FALSE(p.StartProcess(path, kWindowHidden)) << path;
   }
   EXPECT_TRUE(p.StartProcess(run, kWindowNormalFocus));
@@ -46,34 +46,32 @@ TEST(RealPlatformTest, StartProcessRunsOnlyExecutableFiles) {
 // EXIT.EXE's commands: the interpreter's statuses, a wait that ends in
 // time, and the switch-off through systemctl found on PATH: a stand-in here
 // (as is shutdown), so that no test can switch this machine off.
-TEST(RealPlatformTest, CommandsAndTheSwitchOffAreWaitedFor) {
-  TempFolder d;
-  RealPlatform p(/*exit_process=*/false);
+TEST_F(RealPlatformPosixTest, CommandsAndTheSwitchOffAreWaitedFor) {
   const CommandResult failed = p.RunCommand("echo x; exit 3", 5);
   EXPECT_EQ(std::tuple(failed.started, failed.ended, failed.exit_code),
             std::tuple(true, true, 3));
   EXPECT_FALSE(p.RunCommand("sleep 5", 0.2).ended);
-  std::ofstream(d.folder + "/systemctl") << "#!/bin/sh\necho \"$@\" >>\"$0.asked\"\n";
-  std::ofstream(d.folder + "/shutdown") << "#!/bin/sh\nexit 1\n";
+  std::ofstream(folder + "/systemctl") << "#!/bin/sh\necho \"$@\" >>\"$0.asked\"\n";
+  std::ofstream(folder + "/shutdown") << "#!/bin/sh\nexit 1\n";
   for (const char* name : {"/systemctl", "/shutdown"}) {
-    fs::permissions(d.folder + name, fs::perms::owner_all);
+    fs::permissions(folder + name, fs::perms::owner_all);
   }
   const std::string path = std::getenv("PATH");
-  ::setenv("PATH", (d.folder + ":" + path).c_str(), 1);
+  ::setenv("PATH", (folder + ":" + path).c_str(), 1);
   const auto powered_off = p.PowerOff();
   ::setenv("PATH", path.c_str(), 1);
   EXPECT_FALSE(powered_off);
-  std::ifstream asked_for(d.folder + "/systemctl.asked");
+  std::ifstream asked_for(folder + "/systemctl.asked");
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(asked_for), {}), "poweroff\n");
 }
 
 // The program folder and the single-copy rule are shown by running the
 // program itself.
-TEST(RealPlatformTest, TodayIsTheLocalDate) {
+TEST_F(RealPlatformPosixTest, TodayIsTheLocalDate) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   ::localtime_r(&now, &local);
-  const LocalDate today = RealPlatform(/*exit_process=*/false).Today();
+  const LocalDate today = p.Today();
   EXPECT_EQ(std::tuple(today.year, today.month, today.day),
             std::tuple(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday));
 }

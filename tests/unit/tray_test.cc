@@ -34,8 +34,9 @@ struct FakeDesktop : platform::Desktop {
   bool yes = true, autostart = false;
 };
 
-struct TrayRig {
-  TrayRig() {
+// Each test starts the tray itself, after any change to the machine.
+struct TrayTest : ::testing::Test {
+  TrayTest() {
     fake.files["/kovran/upsser.cfg"] = "LOCALWINDOWPORT:5000\r\nMAXLOCALUSERS:3\r\n";
     kovran.Bind(5001);
     kovran.SetRemote("127.0.0.1", 5000);
@@ -63,64 +64,61 @@ struct TrayRig {
 };
 
 // KOVRAN's answers, one a second, and what the icon and the windows show.
-TEST(TrayTest, TheRoadOfAPowerFailure) {
-  TrayRig rig;
-  ASSERT_TRUE(rig.tray.Start());
-  EXPECT_EQ(rig.desktop.shown, "amber(Waiting for KOVRAN's answer) ");
-  EXPECT_EQ(rig.Poll({"001++S++On mains++"}), "green(On mains) ");
-  EXPECT_EQ(rig.Poll({"001++S++++"}), "green(S) ");
-  EXPECT_EQ(rig.Poll({"011++S++D++"}), "amber(Watching stopped\nD) ");
-  EXPECT_EQ(rig.desktop.menu.at(1).text, "Resume watching");
-  EXPECT_EQ(rig.Poll({"000++S++UPS link lost++"}), "amber(UPS link lost) ");
-  EXPECT_EQ(rig.Poll({"001++S++" + std::string(200, 'd') + "++"}),
+TEST_F(TrayTest, TheRoadOfAPowerFailure) {
+  ASSERT_TRUE(tray.Start());
+  EXPECT_EQ(desktop.shown, "amber(Waiting for KOVRAN's answer) ");
+  EXPECT_EQ(Poll({"001++S++On mains++"}), "green(On mains) ");
+  EXPECT_EQ(Poll({"001++S++++"}), "green(S) ");
+  EXPECT_EQ(Poll({"011++S++D++"}), "amber(Watching stopped\nD) ");
+  EXPECT_EQ(desktop.menu.at(1).text, "Resume watching");
+  EXPECT_EQ(Poll({"000++S++UPS link lost++"}), "amber(UPS link lost) ");
+  EXPECT_EQ(Poll({"001++S++" + std::string(200, 'd') + "++"}),
             "green(" + std::string(124, 'd') + "...) ");
-  EXPECT_EQ(rig.Poll({"101++S++Power failure++"}), "amber(Power failure) ");
-  EXPECT_EQ(rig.Poll({"101++S++Power failure++9 seconds left"}),
+  EXPECT_EQ(Poll({"101++S++Power failure++"}), "amber(Power failure) ");
+  EXPECT_EQ(Poll({"101++S++Power failure++9 seconds left"}),
             "red(Power failure\n9 seconds left) ");
-  EXPECT_EQ(rig.Poll({"CLOSE"}), "balloon(KOVRAN: mains power is back) ");
-  EXPECT_EQ(rig.Poll({"", ""}, 2), "") << "one request unanswered";
-  EXPECT_EQ(rig.Poll({""}), "amber(KOVRAN does not answer) ");
-  EXPECT_EQ(rig.Poll({"SHUTDOWN", "SHUTDOWN"}, 2),
+  EXPECT_EQ(Poll({"CLOSE"}), "balloon(KOVRAN: mains power is back) ");
+  EXPECT_EQ(Poll({"", ""}, 2), "") << "one request unanswered";
+  EXPECT_EQ(Poll({""}), "amber(KOVRAN does not answer) ");
+  EXPECT_EQ(Poll({"SHUTDOWN", "SHUTDOWN"}, 2),
             "warning red(SHUTDOWN: this PC is switched off in about 30 seconds) ");
-  EXPECT_THAT(rig.desktop.status, HasSubstr("10:00:12 SHUTDOWN: this PC"));
-  EXPECT_EQ(rig.Poll({"ENDWINDOW"}), "closed ");
-  EXPECT_TRUE(rig.fake.ended());
-  EXPECT_EQ(rig.fake.exit_code(), 0);
+  EXPECT_THAT(desktop.status, HasSubstr("10:00:12 SHUTDOWN: this PC"));
+  EXPECT_EQ(Poll({"ENDWINDOW"}), "closed ");
+  EXPECT_TRUE(fake.ended());
+  EXPECT_EQ(fake.exit_code(), 0);
 }
 
-TEST(TrayTest, MenuSendsTheWindowRequests) {
-  TrayRig rig;
-  ASSERT_TRUE(rig.tray.Start());
-  rig.fake.RunReady();  // the first LABELS
-  EXPECT_EQ(rig.desktop.menu.at(1).text, "Stop watching");
+TEST_F(TrayTest, MenuSendsTheWindowRequests) {
+  ASSERT_TRUE(tray.Start());
+  fake.RunReady();  // the first LABELS
+  EXPECT_EQ(desktop.menu.at(1).text, "Stop watching");
   auto choose = [&](int id) {  // what KOVRAN hears
-    rig.heard.clear();
-    rig.desktop.events.on_menu(id);
-    rig.fake.RunReady();
-    return rig.heard;
+    heard.clear();
+    desktop.events.on_menu(id);
+    fake.RunReady();
+    return heard;
   };
   EXPECT_EQ(choose(tray::kStopWatching), "STOP LABELS ");
   EXPECT_EQ(choose(tray::kResumeWatching), "STAR LABELS ");
-  rig.desktop.yes = false;
+  desktop.yes = false;
   EXPECT_EQ(choose(tray::kEndKovran), "") << "the user said No";
-  rig.desktop.yes = true;
+  desktop.yes = true;
   EXPECT_EQ(choose(tray::kEndKovran), "ENDPROGRAM LABELS ");
   EXPECT_EQ(choose(tray::kStartWithWindows), "");
-  EXPECT_TRUE(rig.desktop.menu.at(6).checked) << "Start with Windows";
-  rig.desktop.events.on_menu(tray::kExit);
-  EXPECT_TRUE(rig.fake.ended());
+  EXPECT_TRUE(desktop.menu.at(6).checked) << "Start with Windows";
+  desktop.events.on_menu(tray::kExit);
+  EXPECT_TRUE(fake.ended());
 }
 
 // Every window taken (kovranctl watching as 1, others as 2 and 3): the icon
 // says so and the program takes the first window that comes free.
-TEST(TrayTest, NoFreeWindowIsShownAndRetried) {
-  TrayRig rig;
-  rig.fake.network.taken_udp_ports = {5000, 5002, 5004};
-  ASSERT_TRUE(rig.tray.Start());
-  EXPECT_THAT(rig.desktop.shown, HasSubstr("amber(KOVRAN: no free window"));
-  rig.fake.network.taken_udp_ports.clear();
-  rig.Poll({});
-  EXPECT_THAT(rig.desktop.status, HasSubstr("Local window 1 (UDP port 5000)"));
+TEST_F(TrayTest, NoFreeWindowIsShownAndRetried) {
+  fake.network.taken_udp_ports = {5000, 5002, 5004};
+  ASSERT_TRUE(tray.Start());
+  EXPECT_THAT(desktop.shown, HasSubstr("amber(KOVRAN: no free window"));
+  fake.network.taken_udp_ports.clear();
+  Poll({});
+  EXPECT_THAT(desktop.status, HasSubstr("Local window 1 (UDP port 5000)"));
 }
 
 }  // namespace
