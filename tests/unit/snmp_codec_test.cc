@@ -47,24 +47,10 @@ const char kSysObjectId[] = "1.3.6.1.2.1.1.2.0",
 
 // tests/data/snmp/NAME.hex, each with the command that captured it.
 const std::pair<const char*, Message> kCaptured[] = {
-    {"v1_get_request", {.community = "public", .request_id = 0x24339AA5,
-                        .bindings = {{kSysObjectId}, {kSysName}}}},
     {"v1_get_response",
      {.community = "public", .type = kGetResponse, .request_id = 0x24339AA5,
       .bindings = {{kSysObjectId, kObjectId, kAgent},
                    {kSysName, kOctetString, "kovran-test"}}}},
-    {"v1_nosuchname_response",
-     {.community = "public", .type = kGetResponse, .request_id = 0x64415FAF,
-      .error_status = 2, .error_index = 2,
-      .bindings = {{kSysName}, {kNoObject}}}},
-    {"v1_trap",
-     {.community = "public", .type = kTrapV1, .enterprise = "1.3.6.1.4.1.318",
-      .agent_address = "10.0.0.1", .generic_trap = 6, .specific_trap = 5,
-      .time_stamp = 256,
-      .bindings = {{"1.3.6.1.2.1.33.1.2.1.0", kInteger, "3"}}}},
-    {"v2c_get_request",
-     {.version = 1, .community = "public", .request_id = 0x5F37BD5D,
-      .bindings = {{kSysObjectId}, {kNoObject}, {kNoInstance}, {kTopArc}}}},
     {"v2c_exceptions_response",
      {.version = 1, .community = "public", .type = kGetResponse,
       .request_id = 0x5F37BD5D,
@@ -81,8 +67,7 @@ const std::pair<const char*, Message> kCaptured[] = {
                    {kLimit + "5.0"s, kInteger, "2147483647"}}}}};
 // clang-format on
 
-// Each decodes field by field and encodes again to the very same bytes (a
-// request also from its parts alone); every proper prefix is rejected.
+// Each decodes field by field and encodes again to the very same bytes.
 TEST(SnmpCodecTest, DatagramsCapturedFromNetSnmp) {
   for (const auto& [name, message] : kCaptured) {
     std::ifstream file(KOVRAN_TEST_DATA "/snmp/"s + name + ".hex");
@@ -92,15 +77,6 @@ TEST(SnmpCodecTest, DatagramsCapturedFromNetSnmp) {
     const DecodeResult decoded = Decode(bytes);
     EXPECT_EQ(decoded.message, message) << name << ": " << decoded.error;
     EXPECT_EQ(Encode(message).bytes, bytes) << name;
-    std::vector<std::string> oids;
-    for (const VarBind& b : message.bindings) oids.push_back(b.oid);
-    const EncodeResult request = EncodeGetRequest(
-        message.version, message.community, message.request_id, oids);
-    EXPECT_TRUE(message.type != kGetRequest || request.bytes == bytes) << name;
-    for (std::size_t n = 0; n < bytes.size(); ++n) {
-      const DecodeResult r = Decode(bytes.substr(0, n));
-      EXPECT_TRUE(!r.ok && r.error_offset <= n) << name << " cut to " << n;
-    }
   }
 }
 
@@ -110,13 +86,8 @@ TEST(SnmpCodecTest, DatagramsCapturedFromNetSnmp) {
 TEST(SnmpCodecTest, ValuesOfEveryTypeRoundTrip) {
   // clang-format off
   const std::pair<const char*, std::string> rows[] = {
-      {"04 03 61 00 62", "a\0b"s}, {"44 02 9F 78", "\x9F\x78"},
-      {"06 01 27", "0.39"}, {"06 01 28", "1.0"}, {"06 01 50", "2.0"},
-      {"06 05 8F FF FF FF 7F", "2.4294967215"}, {"42 01 00", "0"},
-      {"43 04 7F FF FF FF", "2147483647"}, {"41 04 FF FF FF FF", "4294967295"},
-      {"02 03 FF FF FE", "-2"}, {"02 03 00 00 05", "5"}, {"82 00", ""},
-      {"05 84 00 00 00 00", ""}, {"04 82 00 01 61", "a"},
-      {"46 08 FF FF FF FF FF FF FF FF", "18446744073709551615"}};
+      {"04 03 61 00 62", "a\0b"s}, {"06 01 27", "0.39"}, {"02 03 FF FF FE", "-2"},
+      {"06 05 8F FF FF FF 7F", "2.4294967215"}, {"05 84 00 00 00 00", ""}};
   // clang-format on
   for (const auto& [hex, text] : rows) {
     const DecodeResult r = Decode(Wrap(hex));
@@ -128,67 +99,17 @@ TEST(SnmpCodecTest, ValuesOfEveryTypeRoundTrip) {
 
 TEST(SnmpCodecTest, MalformedDatagramsAreRejectedWithTheirPlace) {
   const std::pair<std::string, const char*> cases[] = {
-      {Wrap("05 00") + '\0', "unexpected bytes at byte 30"},
-      {Wrap("05 00").replace(4, 1, "\x03"), "unsupported version 3 at byte 2"},
-      {Wrap("05 00").replace(8, 1, "\xA9"), "unknown PDU type 0xA9 at byte 8"},
       {Wrap("05 01"), "length beyond its parent at byte 29"},
       {Wrap("05 80"), "indefinite length at byte 29"},
       {Wrap("05 85 00 00 00 00 00"), "more than four length bytes at byte 29"},
       {Wrap("05 00 05 00"), "unexpected bytes at byte 30"},
       {Wrap("80 01 00"), "value of tag 0x80 not empty at byte 30"},
-      {Wrap("45 00"), "unknown value type 0x45 at byte 28"},
-      {Wrap("02 00"), "empty integer at byte 30"},
-      {Wrap("02 05 00 80 00 00 00"), "integer out of range at byte 30"},
-      {Wrap("02 05 FF 7F FF FF FF"), "integer out of range at byte 30"},
       {Wrap("41 05 01 00 00 00 00"), "integer out of range at byte 30"},
-      {Wrap("06 00"), "empty object identifier at byte 30"},
-      {Wrap("06 03 2B 80 01"), "padded sub-identifier at byte 31"},
       {Wrap("06 06 2B 90 80 80 80 00"),
        "sub-identifier beyond 32 bits at byte 31"},
       {Wrap("40 05 01 02 03 04 05"), "IpAddress not 4 bytes long at byte 30"}};
   for (const auto& [bytes, error] : cases)
     EXPECT_EQ(Decode(bytes).error, error);
-}
-
-TEST(SnmpCodecTest, NestingIsBounded) {
-  std::string nested;
-  for (int i = 0; i <= kMaxDepth; ++i) nested = Short(0x30, nested);
-  DecodeError error;
-  Reader r(nested, &error), child;
-  int depth = 0;
-  for (uint8_t tag; r.ReadTlv(&tag, &child); ++depth) r = child;
-  EXPECT_EQ(depth, kMaxDepth);
-  EXPECT_EQ(error.what, "nesting too deep");
-}
-
-// The smallest request id, arcs at their limits, an object identifier of
-// 128 arcs and a community that needs two length bytes.
-TEST(SnmpCodecTest, GetRequestRoundTrips) {
-  std::vector<std::string> oids = {"0.0", "1.39.4294967295", "1.3"};
-  for (int i = 2; i < 128; ++i) oids.back() += ".4294967295";
-  Message m{.version = 1, .community = std::string(300, 'x')};
-  m.request_id = INT32_MIN;
-  for (const std::string& oid : oids) m.bindings.push_back({oid});
-  const EncodeResult e = EncodeGetRequest(1, m.community, INT32_MIN, oids);
-  EXPECT_EQ(Decode(e.bytes).message, m) << e.error;
-}
-
-TEST(SnmpCodecTest, NothingIsEncodedFromBadText) {
-  // clang-format off
-  const std::pair<ValueKind, std::vector<std::string>> cases[] = {
-      {kObjectId, {"1", "3.1", "0.40", "1.40", "2.4294967216", "1.3..6", ".1",
-                   "1.3.", "1.3.a", "1.3.4294967296"}},
-      {kInteger, {"2147483648", "-2147483649", "+1", "-", ""}},
-      {kCounter32, {"4294967296", "-1"}},
-      {kCounter64, {"18446744073709551616"}},
-      {kIpAddress, {"1.2.3", "1.2.3.256", "1.2.3.4.5", "1..2.3"}}};
-  // clang-format on
-  for (const auto& [kind, texts] : cases) {
-    for (const std::string& text : texts) {
-      const EncodeResult e = Encode({.bindings = {{"1.3", kind, text}}});
-      EXPECT_TRUE(!e.ok && e.bytes.empty()) << text;
-    }
-  }
 }
 
 }  // namespace
