@@ -12,17 +12,19 @@
 namespace exitprogram {
 namespace {
 
-
 TEST(ExitProgramTest, ActsAsTheSettingsSayAndLogsEachStep) {
   const platform::CommandResult not_started{.error = {2, "No such file or directory"}},
       hung{.started = true, .error = {}},
       failing{.started = true, .error = {}, .ended = true, .exit_code = 3};
   const struct {
-    const char* settings;
-    const platform::CommandResult* before;
+    const char* settings;                   // nullptr: no upsser.cfg
+    const platform::CommandResult* before;  // nullptr: no EXITBEFORE
     bool hibernate_fails;
     std::vector<std::string> switch_offs, log;
   } cases[] = {
+      // Without its settings it still switches the PC off.
+      {nullptr, nullptr, false, {"poweroff"},
+       {"upsser.cfg cannot be read", "switching the PC off"}},
       {"EXITACTION:TEST\r\nEXITBEFORE: stop-db \r\n", &failing, false, {},
        {"EXITBEFORE stop-db ended with status 3",
         "EXITACTION:TEST: the PC would be switched off now"}},
@@ -38,8 +40,8 @@ TEST(ExitProgramTest, ActsAsTheSettingsSayAndLogsEachStep) {
     SCOPED_TRACE(c.settings);
     platform::FakePlatform fake;
     fake.folders.insert("/kovran/SERLOGS");
-    fake.files["/kovran/upsser.cfg"] = c.settings;
-    fake.command_results["stop-db"] = *c.before;
+    if (c.settings) fake.files["/kovran/upsser.cfg"] = c.settings;
+    if (c.before) fake.command_results["stop-db"] = *c.before;
     if (c.hibernate_fails) fake.hibernate_error = platform::SystemError{5, "Access is denied"};
     EXPECT_EQ(exitprogram::Run(fake), 0);
     EXPECT_EQ(fake.switch_offs, c.switch_offs);

@@ -8,7 +8,6 @@
 namespace kovran_testing {
 namespace {
 
-
 struct LocalPortsRig : ProgramRig {
   LocalPortsRig() : ProgramRig("LOCALWINDOWPORT:5000\r\nMAXLOCALUSERS:4\r\n") {
     program.Load();
@@ -173,6 +172,7 @@ TEST(ControlPortTest, SlotsRotateAndEndWithTheirConnection) {
   EXPECT_TRUE(peers[1]->destroyed && peers[1]->closes == 1);
   EXPECT_FALSE(peers[2]->destroyed) << "no reply keeps it open";
   EXPECT_TRUE(peers[3]->destroyed);
+  EXPECT_TRUE(peers[0]->destroyed) << "the 16th takes the oldest slot";
   // Slots run 1..15, so the 16th took slot 1; a request nobody can take is
   // given up after one round of the slots.
   listener.failing_accepts = 100;

@@ -51,18 +51,24 @@ TEST_F(RealPlatformPosixTest, CommandsAndTheSwitchOffAreWaitedFor) {
   EXPECT_EQ(std::tuple(failed.started, failed.ended, failed.exit_code),
             std::tuple(true, true, 3));
   EXPECT_FALSE(p.RunCommand("sleep 5", 0.2).ended);
-  std::ofstream(folder + "/systemctl") << "#!/bin/sh\necho \"$@\" >>\"$0.asked\"\n";
+  std::ofstream(folder + "/systemctl")
+      << "#!/bin/sh\necho \"$@\" >>\"$0.asked\"\n"
+         "[ \"$1\" = poweroff ] || { echo No swap >&2; exit 1; }\n";
   std::ofstream(folder + "/shutdown") << "#!/bin/sh\nexit 1\n";
   for (const char* name : {"/systemctl", "/shutdown"}) {
     fs::permissions(folder + name, fs::perms::owner_all);
   }
   const std::string path = std::getenv("PATH");
   ::setenv("PATH", (folder + ":" + path).c_str(), 1);
+  const auto hibernated = p.Hibernate();
   const auto powered_off = p.PowerOff();
   ::setenv("PATH", path.c_str(), 1);
+  ASSERT_TRUE(hibernated);
+  EXPECT_EQ(std::tuple(hibernated->number, hibernated->text), std::tuple(1, "No swap"));
   EXPECT_FALSE(powered_off);
   std::ifstream asked_for(folder + "/systemctl.asked");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(asked_for), {}), "poweroff\n");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(asked_for), {}),
+            "hibernate\npoweroff\n");
 }
 
 // The program folder and the single-copy rule are shown by running the

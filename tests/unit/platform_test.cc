@@ -73,9 +73,9 @@ TYPED_TEST(PlatformContractTest, BusyHandlerNeverNestsAndWhatCameDueRunsOnce) {
   };
   std::vector<Duration> at;
   Duration done_at{};
-  int depth = 0, others = 0;
+  int depth = 0, others = 0, fired[4] = {};
   bool nested = false, posted = false, ran_in_yield = false;
-  std::unique_ptr<Timer> timer;
+  std::unique_ptr<Timer> timer, pairs[4];
   auto other = p.NewTimer([&] { ++others; });
   // Enabling an enabled timer leaves its count alone, else this would keep
   // `timer` silent.
@@ -101,6 +101,16 @@ TYPED_TEST(PlatformContractTest, BusyHandlerNeverNestsAndWhatCameDueRunsOnce) {
   timer->SetInterval(50);
   other->SetInterval(20);
   poke->SetInterval(10);
+  // Two pairs come due together while `timer` is busy; in each, the first
+  // to fire destroys or disables its partner, whose expiry already waits:
+  // a stopped countdown must never tick once more.
+  for (int i = 0; i < 4; ++i) {
+    pairs[i] = p.NewTimer([&, i] {
+      if (fired[i]++ > 0 || fired[i ^ 1] > 0) return;
+      i < 2 ? pairs[i ^ 1].reset() : pairs[i ^ 1]->SetEnabled(false);
+    });
+    pairs[i]->SetInterval(300);
+  }
   // Expiry `i` comes at `due`: exactly in virtual time, never early in real
   // time (where `due` was read just after the call that started the count).
   auto expect_fire_at = [&](std::size_t i, Duration due) {
@@ -116,6 +126,7 @@ TYPED_TEST(PlatformContractTest, BusyHandlerNeverNestsAndWhatCameDueRunsOnce) {
   EXPECT_EQ(at.size(), 4u);
   EXPECT_FALSE(nested);
   EXPECT_TRUE(ran_in_yield);
+  for (int i : {0, 2}) EXPECT_NE(fired[i] > 0, fired[i + 1] > 0) << i;
 }
 
 TYPED_TEST(PlatformContractTest, FilesAreMadeOnlyInExistingFolders) {
@@ -132,6 +143,11 @@ TYPED_TEST(PlatformContractTest, FilesAreMadeOnlyInExistingFolders) {
                  p.CanOpenForReading(path) || p.ReadFile(path))
         << path;
   }
+  // Writing replaces what was there; a file above the limit is not read.
+  ASSERT_TRUE(p.WriteFile(file, std::string(kMaxReadFileBytes, 'x')));
+  EXPECT_EQ(p.ReadFile(file).value_or("").size(), kMaxReadFileBytes);
+  ASSERT_TRUE(p.AppendToFile(file, "x"));
+  EXPECT_EQ(p.ReadFile(file), std::nullopt) << "above the limit";
 }
 
 // Datagrams between two sockets of the machine: whole, empty ones too, with
@@ -154,6 +170,10 @@ TYPED_TEST(PlatformContractTest, DatagramsArriveWholeWithTheirSender) {
   for (std::size_t i = 0; i < std::size(sent); ++i) {
     EXPECT_EQ(got[i], std::tuple(sent[i], "127.0.0.1", a->LocalPort())) << i;
   }
+  b.reset();  // no event after destruction
+  ASSERT_TRUE(a->Send("late"));
+  this->Pass(20ms);
+  EXPECT_EQ(got.size(), std::size(sent));
 }
 
 // One copy per program folder: a second finds the first, and the folder is

@@ -109,6 +109,7 @@ TEST(ServerReplyTest, FlagEdgesAgainstTheLastHeader) {
       {"1000", "1100", "0120", 999, kSame, 0, Left(998)},
       {"0000", "0100", "ATBT", 999, kSame, 0, Left(999)},
       {"1000", "0010", "0000", 60, "", 2, ""},
+      {"0010", "0000", "0000", 999, Text(31), 0, ""},
       // The time field read as a number: a value beyond 16 bits is held to
       // 32767, one below 3 s gives the shortest countdown, 3 s.
       {"0000", "1000", "9e99", 32767, kSame, 2, Left(32766)},
